@@ -1,0 +1,34 @@
+#pragma once
+// What the daemon shares across connections: one object owned by main (or by
+// a test) and handed to every HelperService. There are no mutable globals.
+
+#include <atomic>
+#include <mutex>
+
+#include "Host.h"
+#include "Log.h"
+#include "OrvenHelperProtocol.h"
+
+namespace orven {
+
+struct DaemonContext {
+    explicit DaemonContext(Host& host)
+        : host(host), staticLog(host.logSink(), "HardKill")
+    {
+    }
+    DaemonContext(const DaemonContext&) = delete;
+    DaemonContext& operator=(const DaemonContext&) = delete;
+
+    Host& host;
+    // The class-wide logger for work that has no connection.
+    Logger staticLog;
+    // Serialises every pf-changing operation; never recursive.
+    std::timed_mutex pfLock;
+    // How long withPFLock waits; only tests shorten it.
+    double pfLockBudgetSeconds = OrvenHelperConstants::pfLockAcquisitionBudget;
+    // Changed only under pfLock; read anywhere.
+    std::atomic<bool> hardKillEngaged{false};
+    std::atomic<bool> uninstallClaimed{false};
+};
+
+} // namespace orven

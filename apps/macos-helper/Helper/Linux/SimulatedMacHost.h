@@ -1,0 +1,40 @@
+#pragma once
+// The Linux host: the daemon running on a simulated Mac. Every absolute
+// macOS path lives under a root folder; the tools there are the simulator's.
+
+#include <functional>
+#include <string>
+
+#include "Host.h"
+
+namespace orven {
+
+class SimulatedMacHost final : public Host {
+public:
+    // `onExit` intercepts process exit (tests); without it the process exits.
+    SimulatedMacHost(std::string root, LogSink& sink, std::function<void(int)> onExit = {});
+
+    const std::string& root() const { return root_; }
+
+    std::string path(std::string_view macPath) const override;
+    BoundedProcess::Result run(std::string_view macPath, const std::vector<std::string>& arguments,
+                               const std::optional<std::string>& standardInput, double timeout,
+                               double killGrace) override;
+    std::optional<WallClock::time_point> bootTime() const override;
+    LogSink& logSink() override { return sink_; }
+    void exitProcess(int status) override;
+
+    StoreCopy copyDynamicStore(std::string_view sessionName, std::string_view pattern) override;
+    std::optional<std::vector<std::string>> networkInterfaceNames() override;
+    bool forceConfigurationRefresh(std::string_view bsdName) override;
+
+private:
+    // Runs the simulator's own command for this root.
+    BoundedProcess::Result simulator(const std::vector<std::string>& arguments);
+
+    std::string root_;
+    LogSink& sink_;
+    std::function<void(int)> onExit_;
+};
+
+} // namespace orven

@@ -1,0 +1,151 @@
+#include "Log.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+
+namespace orven {
+
+std::string_view logLevelName(LogLevel level)
+{
+    switch (level) {
+    case LogLevel::debug: return "Debug";
+    case LogLevel::info: return "Info";
+    case LogLevel::defaultLevel: return "Default";
+    case LogLevel::error: return "Error";
+    }
+    return "Default";
+}
+
+void StderrLogSink::write(const LogRecord& record)
+{
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm parts{};
+    localtime_r(&seconds, &parts);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &parts);
+    const std::lock_guard lock(mutex_);
+    std::fprintf(stderr, "%s.%03d %-7s [%s:%s] %s\n", stamp, static_cast<int>(millis),
+                 std::string(logLevelName(record.level)).c_str(), record.subsystem.c_str(),
+                 record.category.c_str(), record.message.c_str());
+    std::fflush(stderr);
+}
+
+void RecordingLogSink::write(const LogRecord& record)
+{
+    const std::lock_guard lock(mutex_);
+    records_.push_back(record);
+}
+
+std::vector<LogRecord> RecordingLogSink::records() const
+{
+    const std::lock_guard lock(mutex_);
+    return records_;
+}
+
+std::vector<std::string> RecordingLogSink::messages() const
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    out.reserve(records_.size());
+    for (const auto& record : records_) out.push_back(record.message);
+    return out;
+}
+
+bool RecordingLogSink::contains(std::string_view message) const
+{
+    const std::lock_guard lock(mutex_);
+    return std::any_of(records_.begin(), records_.end(), [&](const LogRecord& r) { return r.message == message; });
+}
+
+bool RecordingLogSink::containsFragment(std::string_view fragment) const
+{
+    const std::lock_guard lock(mutex_);
+    return std::any_of(records_.begin(), records_.end(),
+                       [&](const LogRecord& r) { return r.message.find(fragment) != std::string::npos; });
+}
+
+void RecordingLogSink::clear()
+{
+    const std::lock_guard lock(mutex_);
+    records_.clear();
+}
+
+void Logger::emit(LogLevel level, std::string message) const
+{
+    sink_->write(LogRecord{std::string(kLogSubsystem), category_, level, std::move(message)});
+}
+
+namespace logformat {
+
+namespace {
+
+void appendArg(std::string& out, Conversion conversion, const Arg& arg)
+{
+    char buffer[64];
+    switch (conversion) {
+    case Conversion::string:
+        out.append(arg.text);
+        return;
+    case Conversion::boolean:
+        out.append(arg.boolValue ? "true" : "false");
+        return;
+    case Conversion::floating: {
+        double value = arg.floatValue;
+        if (arg.kind == ArgKind::signedInt) value = static_cast<double>(arg.signedValue);
+        if (arg.kind == ArgKind::unsignedInt) value = static_cast<double>(arg.unsignedValue);
+        std::snprintf(buffer, sizeof buffer, "%f", value);
+        out.append(buffer);
+        return;
+    }
+    case Conversion::signedInt:
+    case Conversion::unsignedInt:
+        if (arg.kind == ArgKind::signedInt) std::snprintf(buffer, sizeof buffer, "%" PRId64, arg.signedValue);
+        else std::snprintf(buffer, sizeof buffer, "%" PRIu64, arg.unsignedValue);
+        out.append(buffer);
+        return;
+    }
+}
+
+} // namespace
+
+std::string render(std::string_view format, const Arg* args, std::size_t count)
+{
+    std::string out;
+    out.reserve(format.size() + 32);
+    std::size_t index = 0;
+    for (std::size_t i = 0; i < format.size(); ++i) {
+        if (format[i] != '%') {
+            out.push_back(format[i]);
+            continue;
+        }
+        if (i + 1 < format.size() && format[i + 1] == '%') {
+            out.push_back('%');
+            ++i;
+            continue;
+        }
+        Spec spec;
+        // The format was checked at compile time; a failure here cannot happen,
+        // but a malformed one renders verbatim rather than crash.
+        bool parsed = false;
+        try {
+            parsed = nextSpec(format, i, spec) && spec.begin == i;
+        } catch (const char*) {
+            parsed = false;
+        }
+        if (!parsed || index >= count) {
+            out.push_back('%');
+            continue;
+        }
+        appendArg(out, spec.conversion, args[index++]);
+        i = spec.begin + spec.length - 1;
+    }
+    return out;
+}
+
+} // namespace logformat
+} // namespace orven
