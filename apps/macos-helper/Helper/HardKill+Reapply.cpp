@@ -1,0 +1,108 @@
+// At start: a blackout engaged before must stand again, a reference left by
+// an earlier run is given back, and a pre-anchor blackout is unwound.
+
+#include "Files.h"
+#include "HelperService.h"
+#include "Text.h"
+
+namespace orven {
+
+void HelperService::reapplyHardKillAtBoot(DaemonContext& context)
+{
+    const bool marker = hardKillFlagExists(context);
+    const bool legacy = legacyTakeOverRecordExists(context);
+    const bool referencesHeld = !allHeldTokens(context).empty();
+    if (!marker && !legacy && !referencesHeld) return;
+
+    const auto done = withPFLock(context, [&] {
+        if (legacy) unwindLegacyTakeOverLocked(context);
+        if (marker) {
+            reapplyHardKillLocked(context);
+        } else if (referencesHeld) {
+            const auto release = releaseHeldTokens(context, std::nullopt);
+            if (release.kind == TokenRelease::Kind::failed)
+                context.staticLog.error("a pf reference from a previous run is still held: %{public}s", release.message);
+            else
+                context.staticLog.notice("gave back a pf reference left over from a previous run");
+        }
+    });
+    if (!done) context.staticLog.error("Hard Kill re-apply skipped — pf lock unavailable");
+}
+
+void HelperService::reapplyHardKillLocked(DaemonContext& context)
+{
+    auto& log = context.staticLog;
+    if (cutIsStanding(context)) {
+        log.notice("Hard Kill re-apply at start: the cut is already standing — nothing re-taken");
+        return;
+    }
+    const auto live = pfctlShowRules(context);
+    const auto plan = mainRulesetPlan(context, live.code == 0, live.out);
+    const auto error = engageViaAnchor(context, plan);
+    if (!error) {
+        log.notice("Hard Kill re-applied at start from persisted state — anchor loaded, pf reference held");
+        return;
+    }
+    const auto rules = blackoutRuleState(context);
+    const auto enabled = pfIsEnabled(context);
+    if (rules == HardKillState::Rules::loaded && enabled == true) {
+        log.error("Hard Kill re-apply at start FAILED but the machine is DARK — the blackout ruleset is loaded and pf is "
+                  "enforcing it, so new connections are blocked. Lift it with hardkill-deactivate.sh as root. Cause: "
+                  "%{public}s",
+                  *error);
+    } else {
+        const std::string_view enabledText = !enabled ? "unknown" : (*enabled ? "true" : "false");
+        log.error("Hard Kill re-apply at start FAILED; no blackout is standing (rules=%{public}s, pf enabled=%{public}s). "
+                  "This says nothing about whether the Mac has internet. Cause: %{public}s",
+                  HardKillState::spelling(rules), enabledText, *error);
+    }
+    // The marker stays, so the next start tries again.
+    withdrawHardKillOwnerUnlessCutStands(context);
+}
+
+bool HelperService::legacyTakeOverRecordExists(DaemonContext& context)
+{
+    return files::exists(context.host.path(paths::legacyPrior)) ||
+           files::exists(context.host.path(paths::legacyPreRuleset));
+}
+
+void HelperService::clearLegacyTakeOverRecord(DaemonContext& context)
+{
+    files::remove(context.host.path(paths::legacyPrior));
+    files::remove(context.host.path(paths::legacyPreRuleset));
+}
+
+void HelperService::unwindLegacyTakeOverLocked(DaemonContext& context)
+{
+    auto& log = context.staticLog;
+    const auto before = pfctlShowRules(context);
+    if (before.code != 0) {
+        log.notice("legacy take-over record found, but pfctl -sr did not answer (%{public}d) — leaving both alone",
+                   before.code);
+        return;
+    }
+    if (!text::contains(before.out, kCatchAllRule)) {
+        log.notice("legacy take-over record found with nothing loaded in the main ruleset — removing the record");
+        clearLegacyTakeOverRecord(context);
+        return;
+    }
+    const auto reload = runProcess(context, paths::pfctl, {"-f", std::string(paths::pfConf)}, std::nullopt,
+                                   OrvenHelperConstants::pfProcessBudget);
+    if (reload.code != 0) {
+        log.error("LEGACY BLACKOUT STILL STANDING — pfctl -f %{public}s failed (%{public}d). This Mac is dark from a "
+                  "pre-anchor Hard Kill and this daemon could not undo it. Run scripts/hardkill-deactivate.sh as root.",
+                  paths::pfConf, reload.code);
+        return;
+    }
+    const auto after = pfctlShowRules(context);
+    if (after.code == 0 && !text::contains(after.out, kCatchAllRule)) {
+        log.notice("legacy main-ruleset blackout unwound — stock rules loaded, record removed");
+        clearLegacyTakeOverRecord(context);
+        clearMainRulesetRecord(context);
+        return;
+    }
+    log.error("LEGACY BLACKOUT MAY STILL STAND — stock was loaded but the catch-all is still readable (or pf stopped "
+              "answering). Keeping the record so the next start tries again.");
+}
+
+} // namespace orven
