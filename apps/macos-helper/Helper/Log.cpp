@@ -98,8 +98,14 @@ void appendArg(std::string& out, Conversion conversion, const Arg& arg)
         double value = arg.floatValue;
         if (arg.kind == ArgKind::signedInt) value = static_cast<double>(arg.signedValue);
         if (arg.kind == ArgKind::unsignedInt) value = static_cast<double>(arg.unsignedValue);
-        std::snprintf(buffer, sizeof buffer, "%f", value);
-        out.append(buffer);
+        // "%f" prints every integer digit: up to 309 of them for a double,
+        // more than the buffer holds, so measure first rather than truncate.
+        const int length = std::snprintf(nullptr, 0, "%f", value);
+        if (length <= 0) return;
+        const std::size_t at = out.size();
+        out.resize(at + static_cast<std::size_t>(length) + 1);
+        std::snprintf(out.data() + at, static_cast<std::size_t>(length) + 1, "%f", value);
+        out.resize(at + static_cast<std::size_t>(length));
         return;
     }
     case Conversion::signedInt:

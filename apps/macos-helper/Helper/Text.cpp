@@ -248,7 +248,8 @@ std::optional<std::uint64_t> parseUnsigned(std::string_view digits, std::uint64_
     std::uint64_t value = 0;
     for (const char c : digits) {
         const std::uint64_t digit = static_cast<std::uint64_t>(c - '0');
-        if (value > (max - digit) / 10) return std::nullopt;
+        // `digit > max` first: `max - digit` would wrap for a small maximum.
+        if (digit > max || value > (max - digit) / 10) return std::nullopt;
         value = value * 10 + digit;
     }
     return value;
