@@ -26,6 +26,8 @@ struct DaemonContext {
     std::timed_mutex pfLock;
     // How long withPFLock waits; only tests shorten it.
     double pfLockBudgetSeconds = OrvenHelperConstants::pfLockAcquisitionBudget;
+    // The time-out of every pfctl run; only tests shorten it.
+    double pfctlTimeoutSeconds = OrvenHelperConstants::pfProcessBudget;
     // Changed only under pfLock; read anywhere.
     std::atomic<bool> hardKillEngaged{false};
     std::atomic<bool> uninstallClaimed{false};

@@ -16,7 +16,6 @@ namespace orven {
 
 namespace {
 
-constexpr double kPfctlTimeout = OrvenHelperConstants::pfProcessBudget;
 constexpr double kProbeKillGrace = 2.0;
 
 // The labels of the probes of one sweep that got through.
@@ -172,12 +171,11 @@ std::string HelperService::liftUnprovenMessage(std::string_view reason)
 
 std::optional<std::vector<std::string>> HelperService::siblingAnchorPasses(DaemonContext& context)
 {
-    const auto listing = runProcess(context, paths::pfctl, {"-a", parentAnchor(), "-s", "Anchors"}, std::nullopt,
-                                    kPfctlTimeout);
+    const auto listing = runPfctl(context, {"-a", parentAnchor(), "-s", "Anchors"});
     if (listing.code != 0) return std::nullopt;
     std::vector<std::string> passes;
     for (const auto& sibling : HardKillProof::siblingAnchorNames(listing.out, kBlackoutAnchor)) {
-        const auto rules = runProcess(context, paths::pfctl, {"-a", sibling, "-sr"}, std::nullopt, kPfctlTimeout);
+        const auto rules = runPfctl(context, {"-a", sibling, "-sr"});
         // An unreadable sibling could hold anything: no answer, not "none".
         if (rules.code != 0) return std::nullopt;
         for (auto& line : HardKillProof::quickPassRules(rules.out)) passes.push_back(std::move(line));

@@ -11,12 +11,10 @@ namespace orven {
 
 namespace {
 
-constexpr double kPfctlTimeout = OrvenHelperConstants::pfProcessBudget;
-
 BoundedProcess::Result pfctl(DaemonContext& context, const std::vector<std::string>& arguments,
                              const std::optional<std::string>& standardInput = std::nullopt)
 {
-    return HelperService::runProcess(context, paths::pfctl, arguments, standardInput, kPfctlTimeout);
+    return HelperService::runPfctl(context, arguments, standardInput);
 }
 
 std::string failure(std::string_view prefix, const BoundedProcess::Result& result)
@@ -45,6 +43,12 @@ bool containsIgnoringCase(std::string_view haystack, std::string_view needle)
 const std::string kAnchor{kBlackoutAnchor};
 
 } // namespace
+
+BoundedProcess::Result HelperService::runPfctl(DaemonContext& context, const std::vector<std::string>& arguments,
+                                               const std::optional<std::string>& standardInput)
+{
+    return runProcess(context, paths::pfctl, arguments, standardInput, context.pfctlTimeoutSeconds);
+}
 
 OptionalText HelperService::pfctlLoad(DaemonContext& context, const std::optional<std::string>& ruleset)
 {

@@ -86,8 +86,7 @@ void HelperService::unwindLegacyTakeOverLocked(DaemonContext& context)
         clearLegacyTakeOverRecord(context);
         return;
     }
-    const auto reload = runProcess(context, paths::pfctl, {"-f", std::string(paths::pfConf)}, std::nullopt,
-                                   OrvenHelperConstants::pfProcessBudget);
+    const auto reload = runPfctl(context, {"-f", std::string(paths::pfConf)});
     if (reload.code != 0) {
         log.error("LEGACY BLACKOUT STILL STANDING — pfctl -f %{public}s failed (%{public}d). This Mac is dark from a "
                   "pre-anchor Hard Kill and this daemon could not undo it. Run scripts/hardkill-deactivate.sh as root.",

@@ -114,7 +114,10 @@ public:
     static std::optional<std::int64_t> pfStateCount(DaemonContext& context);
     static OptionalText pfctlLoadEnableAndFlush(DaemonContext& context, std::string_view ruleset,
                                                 const PFRuleBuilder::LANIsolationParams& params);
-    // "/sbin/pfctl" "-s" "info" and "/sbin/pfctl" "-sr", 10 s each.
+    // Runs "/sbin/pfctl" with the pf time-out.
+    static BoundedProcess::Result runPfctl(DaemonContext& context, const std::vector<std::string>& arguments,
+                                           const std::optional<std::string>& standardInput = std::nullopt);
+    // "/sbin/pfctl" "-s" "info" and "/sbin/pfctl" "-sr".
     static BoundedProcess::Result pfctlShowInfo(DaemonContext& context);
     static BoundedProcess::Result pfctlShowRules(DaemonContext& context);
     // Whether `-s info` answered and says pf is enabled (no answer: absent).

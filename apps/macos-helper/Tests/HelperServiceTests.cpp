@@ -75,7 +75,7 @@ TEST(RunNetworksetupStart, MissingToolCannotBeStarted)
 TEST(RunProcess, LogsATimeOutOnTheClassWideLogger)
 {
     ScriptedHost fixture;
-    fixture.folder.writeScript("usr/bin/stall", "trap '' TERM; sleep 30");
+    fixture.folder.writeScript("usr/bin/stall", "trap '' TERM; exec sleep 30");
     const auto result = HelperService::runProcess(fixture.context, "/usr/bin/stall", {}, std::nullopt, 0.2);
     EXPECT_EQ(result.code, 124);
     const auto records = fixture.log.records();

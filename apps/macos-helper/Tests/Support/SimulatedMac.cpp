@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <stdexcept>
 
 #include "Files.h"
@@ -127,9 +128,57 @@ int SimulatedMac::fileMode(std::string_view macPath) const
     return static_cast<int>(info.st_mode & 07777);
 }
 
-SimulatedDaemon::SimulatedDaemon()
-    : host(mac.root(), log, [this](int status) { exitStatuses.push_back(status); }), context(host)
+bool ObservedHost::lockHeld() const
 {
+    if (!pfLock_) return false;
+    // Asked from another thread: the caller may be the holder.
+    return std::async(std::launch::async, [lock = pfLock_] {
+               if (!lock->try_lock()) return true;
+               lock->unlock();
+               return false;
+           }).get();
+}
+
+BoundedProcess::Result ObservedHost::run(std::string_view macPath, const std::vector<std::string>& arguments,
+                                         const std::optional<std::string>& standardInput, double timeout,
+                                         double killGrace)
+{
+    {
+        const bool held = lockHeld();
+        const std::lock_guard guard(mutex_);
+        runs_.push_back({std::string(macPath), arguments, held});
+    }
+    return inner_.run(macPath, arguments, standardInput, timeout, killGrace);
+}
+
+bool ObservedHost::forceConfigurationRefresh(std::string_view bsdName)
+{
+    {
+        const bool held = lockHeld();
+        const std::lock_guard guard(mutex_);
+        runs_.push_back({"configd", {"refresh", std::string(bsdName)}, held});
+    }
+    return inner_.forceConfigurationRefresh(bsdName);
+}
+
+std::vector<ObservedHost::Run> ObservedHost::runs() const
+{
+    const std::lock_guard guard(mutex_);
+    return runs_;
+}
+
+void ObservedHost::clearRuns()
+{
+    const std::lock_guard guard(mutex_);
+    runs_.clear();
+}
+
+SimulatedDaemon::SimulatedDaemon()
+    : simulatedHost(mac.root(), log, [this](int status) { exitStatuses.push_back(status); }),
+      host(simulatedHost),
+      context(host)
+{
+    host.watch(context.pfLock);
 }
 
 } // namespace orven::testing

@@ -2,6 +2,7 @@
 // Test support: a fresh simulated Mac per test, and a daemon context over it.
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -68,13 +69,51 @@ private:
     TemporaryFolder folder_;
 };
 
+// Delegates to the simulated Mac's host and records every tool run with
+// whether the pf lock was held at that moment.
+class ObservedHost final : public Host {
+public:
+    struct Run {
+        std::string path;
+        std::vector<std::string> arguments;
+        bool pfLockHeld;
+    };
+    explicit ObservedHost(SimulatedMacHost& inner) : inner_(inner) {}
+    void watch(std::timed_mutex& pfLock) { pfLock_ = &pfLock; }
+    std::vector<Run> runs() const;
+    void clearRuns();
+
+    std::string path(std::string_view macPath) const override { return inner_.path(macPath); }
+    BoundedProcess::Result run(std::string_view macPath, const std::vector<std::string>& arguments,
+                               const std::optional<std::string>& standardInput, double timeout,
+                               double killGrace) override;
+    std::optional<WallClock::time_point> bootTime() const override { return inner_.bootTime(); }
+    LogSink& logSink() override { return inner_.logSink(); }
+    void exitProcess(int status) override { inner_.exitProcess(status); }
+    StoreCopy copyDynamicStore(std::string_view session, std::string_view pattern) override
+    {
+        return inner_.copyDynamicStore(session, pattern);
+    }
+    std::optional<std::vector<std::string>> networkInterfaceNames() override { return inner_.networkInterfaceNames(); }
+    bool forceConfigurationRefresh(std::string_view bsdName) override;
+
+private:
+    bool lockHeld() const;
+
+    SimulatedMacHost& inner_;
+    std::timed_mutex* pfLock_ = nullptr;
+    mutable std::mutex mutex_;
+    std::vector<Run> runs_;
+};
+
 // A daemon context over a fresh simulated Mac, logging into a recording sink.
 class SimulatedDaemon {
 public:
     SimulatedDaemon();
     SimulatedMac mac;
     RecordingLogSink log;
-    SimulatedMacHost host;
+    SimulatedMacHost simulatedHost;
+    ObservedHost host;
     DaemonContext context;
     std::vector<int> exitStatuses;
 
