@@ -1,0 +1,91 @@
+#pragma once
+// The network around the simulated Mac: interfaces and their addresses,
+// routing, a small internet (who answers, how fast, path MTU), the
+// configured network services, open flows, package receipts.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "PfParser.h"
+
+namespace orven::macsim {
+
+struct Interface {
+    std::string name;
+    std::string kind; // loopback, wifi, ethernet, bridge, tunnel
+    bool up = true;
+    int mtu = 1500;
+    std::vector<InterfaceAddress> addrs;
+};
+
+struct RemoteHost {
+    IpAddr addr;
+    bool up = true;
+    double rttMs = 12.0;
+    int ttl = 57;
+    int pathMtu = 1500;
+    std::vector<std::uint16_t> tcp; // listening ports
+    std::vector<std::uint16_t> udp;
+};
+
+struct Service {
+    std::string id;
+    std::string name;
+    bool enabled = true;
+    std::optional<std::string> device; // absent for VPN-type services
+    std::string hardware, type, subType;
+    std::string ipv4 = "DHCP", ipv6 = "Automatic";
+};
+
+struct Flow {
+    int id = 0;
+    std::uint8_t proto = 6;
+    std::string ifname;
+    IpAddr local, remote;
+    std::uint16_t localPort = 0, remotePort = 0;
+};
+
+struct Route {
+    std::string ifname;
+    IpAddr src;
+    bool local = false; // the destination is this Mac
+};
+
+struct NetModel {
+    std::vector<Interface> interfaces;
+    std::string gatewayInterface = "en0";
+    IpAddr gateway4, gateway6;
+    std::vector<RemoteHost> hosts;
+    std::string setId;
+    std::vector<Service> services; // in service order
+    std::vector<std::string> managed; // interfaces IPConfiguration has a service on
+    std::vector<Flow> flows;
+    int nextFlowId = 1;
+    std::uint16_t nextPort = 49152;
+    int probeDelayMs = 50;
+    std::vector<std::string> receipts;
+
+    static NetModel stock();
+
+    Interface* findInterface(std::string_view name);
+    const Interface* findInterface(std::string_view name) const;
+    RemoteHost* findHost(const IpAddr& addr);
+    bool isLocalAddress(const IpAddr& addr) const;
+    std::vector<IpAddr> addressesOf(std::string_view ifname) const;
+    // Where a packet to `dst` leaves and with which source; `bound` forces
+    // the interface (ping -b, ping6 -B/-I). Nothing when there is no route.
+    std::optional<Route> route(const IpAddr& dst, std::string_view bound = {}) const;
+    std::uint16_t ephemeralPort();
+    // The interfaces SCNetworkInterfaceCopyAll would list.
+    std::vector<std::string> configurableInterfaces() const;
+
+    nlohmann::json toJson() const;
+    static NetModel fromJson(const nlohmann::json& json);
+};
+
+} // namespace orven::macsim
