@@ -220,7 +220,8 @@ bool HelperService::spawnDetached(DaemonContext& context, std::string_view path,
                                   const std::vector<std::string>& arguments, const Logger& log)
 {
     const std::string executable = context.host.path(path);
-    std::vector<std::string> argv{std::string(path)};
+    // argv[0] is the path the program was started by, as a shell would pass it.
+    std::vector<std::string> argv{executable};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
     for (auto& argument : argv) pointers.push_back(argument.data());
