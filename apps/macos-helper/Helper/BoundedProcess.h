@@ -2,7 +2,10 @@
 // Runs one external program with an argument vector, optional standard input
 // and a hard time limit. The only way the daemon starts child processes.
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,9 +25,19 @@ inline constexpr std::int32_t kSpawnFailed = -1;
 inline constexpr double kDrainBoundSeconds = 5.0;
 
 // Synchronous: returns when the child has ended or has been abandoned.
-// `timeout` must be finite and within the 64-bit range (a programming error
-// otherwise, which stops the process).
+// `timeout` must be finite and within the 64-bit range, `killGrace` finite (a
+// programming error otherwise, which stops the process); negative values count
+// as zero. Without `standardInput` the child reads from /dev/null.
 Result run(const std::string& path, const std::vector<std::string>& arguments,
            const std::optional<std::string>& standardInput, double timeout, double killGrace);
+
+// How the runner delivers its escalation signals (SIGTERM, then SIGKILL):
+// kill(2) in the daemon. Tests pass one that withholds them, the only portable
+// way to reach the path of a child that cannot be killed.
+using SignalSender = std::function<void(pid_t pid, int signal)>;
+
+Result run(const std::string& path, const std::vector<std::string>& arguments,
+           const std::optional<std::string>& standardInput, double timeout, double killGrace,
+           const SignalSender& sendSignal);
 
 } // namespace orven::BoundedProcess
