@@ -1,0 +1,538 @@
+// The daemon as a process on a simulated Mac, reached the way clients reach
+// it: over its socket, each client with its own user id.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <thread>
+
+#include "HelperService.h"
+#include "Support/SimulatedMac.h"
+
+namespace orven {
+namespace {
+
+using nlohmann::json;
+using testing::SimulatedMac;
+using testing::TemporaryFolder;
+
+constexpr auto kPatience = std::chrono::seconds(60);
+const std::string kAnchorListing = "-a com\\.apple/999\\.test\\.orven\\.app -sr";
+const std::string kIsolation = "setLANIsolationWithEnabled:interface:gatewayV4:subnetV4:dnsV4:gatewayV6:subnetsV6:dnsV6:reply:";
+
+std::string request(const std::string& selector, json arguments = json::array(), json id = 1)
+{
+    return json{{"id", id}, {"selector", selector}, {"arguments", std::move(arguments)}}.dump() + "\n";
+}
+
+bool waitUntil(const std::function<bool()>& condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return condition();
+}
+
+int connectTo(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// One connection to the daemon, read line by line.
+class Client {
+public:
+    explicit Client(const std::string& socketPath) : fd_(connectTo(socketPath)) {}
+    ~Client()
+    {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    bool connected() const { return fd_ >= 0; }
+
+    void send(const std::string& data) const
+    {
+        std::size_t sent = 0;
+        while (sent < data.size()) {
+            const ssize_t n = ::send(fd_, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+            if (n <= 0) return;
+            sent += static_cast<std::size_t>(n);
+        }
+    }
+
+    // The next line, or absent when the connection ended or nothing came.
+    std::optional<std::string> readLine(std::chrono::milliseconds wait = kPatience)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + wait;
+        for (;;) {
+            if (const auto end = buffer_.find('\n'); end != std::string::npos) {
+                std::string line = buffer_.substr(0, end);
+                buffer_.erase(0, end + 1);
+                return line;
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            pollfd entry{fd_, POLLIN, 0};
+            if (::poll(&entry, 1, static_cast<int>(std::max<long long>(left.count(), 0))) <= 0) return std::nullopt;
+            char chunk[65536];
+            const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+            if (n <= 0) return std::nullopt;
+            buffer_.append(chunk, static_cast<std::size_t>(n));
+        }
+    }
+
+    std::optional<json> call(const std::string& line)
+    {
+        send(line);
+        const auto answer = readLine();
+        if (!answer) return std::nullopt;
+        return json::parse(*answer, nullptr, false);
+    }
+
+private:
+    int fd_;
+    std::string buffer_;
+};
+
+// A call made by a child process running as `uid`, the way another user's
+// app would reach the daemon. Only system calls run between fork and exit.
+std::optional<json> callAs(std::uint32_t uid, const std::string& socketPath, const std::string& line)
+{
+    int channel[2];
+    if (::pipe2(channel, O_CLOEXEC) != 0) return std::nullopt;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, socketPath.data(), std::min(socketPath.size(), sizeof address.sun_path - 1));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(channel[0]);
+        if (::setgroups(0, nullptr) != 0 || ::setgid(20) != 0 || ::setuid(uid) != 0) ::_exit(2);
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) ::_exit(3);
+        if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) ::_exit(4);
+        char byte;
+        while (::read(fd, &byte, 1) == 1) {
+            if (::write(channel[1], &byte, 1) != 1 || byte == '\n') break;
+        }
+        ::_exit(0);
+    }
+    ::close(channel[1]);
+    if (child < 0) {
+        ::close(channel[0]);
+        return std::nullopt;
+    }
+    std::string answer;
+    char chunk[4096];
+    for (ssize_t n; (n = ::read(channel[0], chunk, sizeof chunk)) > 0;) answer.append(chunk, static_cast<std::size_t>(n));
+    ::close(channel[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || answer.empty()) return std::nullopt;
+    return json::parse(answer, nullptr, false);
+}
+
+// The daemon process over a simulated Mac. Its log is kept in a file.
+class DaemonProcess {
+public:
+    DaemonProcess(const SimulatedMac& mac, std::string socketPath, std::string logPath,
+                  std::vector<std::uint32_t> allowedUIDs = {})
+        : socketPath_(std::move(socketPath)), logPath_(std::move(logPath))
+    {
+        std::vector<std::string> arguments{ORVEN_HELPER_PATH, "--root", mac.root(), "--socket", socketPath_};
+        for (const auto uid : allowedUIDs) {
+            arguments.emplace_back("--allow-uid");
+            arguments.push_back(std::to_string(uid));
+        }
+        std::vector<char*> argv;
+        for (auto& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        const int log = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(log, STDERR_FILENO);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        ::close(log);
+    }
+    ~DaemonProcess()
+    {
+        if (running()) {
+            ::kill(pid_, SIGKILL);
+            wait();
+        }
+    }
+    DaemonProcess(const DaemonProcess&) = delete;
+    DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    bool running() const { return pid_ > 0 && !status_; }
+
+    // True once a client can connect.
+    bool waitUntilListening()
+    {
+        return waitUntil([this] {
+            if (exitedNow()) return true;
+            const int fd = connectTo(socketPath_);
+            if (fd < 0) return false;
+            ::close(fd);
+            return true;
+        }) && running();
+    }
+
+    // The exit status, once the process has ended by itself.
+    std::optional<int> waitForExit()
+    {
+        waitUntil([this] { return exitedNow(); });
+        return status_;
+    }
+    int wait()
+    {
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        status_ = status;
+        return status;
+    }
+
+    std::string log() const
+    {
+        std::ifstream file(logPath_);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+
+private:
+    bool exitedNow()
+    {
+        if (status_) return true;
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+        return status_.has_value();
+    }
+
+    pid_t pid_ = -1;
+    std::string socketPath_;
+    std::string logPath_;
+    std::optional<int> status_;
+};
+
+class EndToEnd : public ::testing::Test {
+protected:
+    EndToEnd()
+    {
+        // Other users' clients must be able to reach the socket's folder.
+        ::chmod(sockets.path().c_str(), 0755);
+    }
+
+    std::unique_ptr<DaemonProcess> start(std::vector<std::uint32_t> allowedUIDs = {})
+    {
+        auto daemon = std::make_unique<DaemonProcess>(mac, socketPath, sockets.path() + "/daemon.log",
+                                                      std::move(allowedUIDs));
+        EXPECT_TRUE(daemon->waitUntilListening()) << daemon->log();
+        return daemon;
+    }
+
+    std::string joinedArguments(const json& call) const
+    {
+        std::string line;
+        for (const auto& argument : call["args"]) line += (line.empty() ? "" : " ") + argument.get<std::string>();
+        return line;
+    }
+
+    // The references pf holds, from `pfctl -s References`.
+    std::vector<std::string> references() const
+    {
+        std::vector<std::string> tokens;
+        std::istringstream lines(mac.pfctl({"-s", "References"}).out);
+        for (std::string line; std::getline(lines, line);) {
+            std::istringstream words(line);
+            std::vector<std::string> row{std::istream_iterator<std::string>(words), {}};
+            if (row.size() >= 3 && std::all_of(row[2].begin(), row[2].end(), ::isdigit)) tokens.push_back(row[2]);
+        }
+        return tokens;
+    }
+    std::vector<std::string> recordedTokens() const
+    {
+        std::vector<std::string> tokens;
+        for (const auto path : {paths::primaryToken, paths::emergencyToken}) {
+            std::istringstream lines(mac.readFile(path).value_or(""));
+            for (std::string line; std::getline(lines, line);)
+                if (!line.empty()) tokens.push_back(line);
+        }
+        return tokens;
+    }
+    bool blackoutRulesLoaded() const
+    {
+        return mac.pfctl({"-a", "com.apple/999.test.orven.app", "-sr"}).out.find("block") != std::string::npos;
+    }
+    bool pfEnabled() const { return mac.pfctl({"-s", "info"}).out.find("Status: Enabled") != std::string::npos; }
+
+    SimulatedMac mac;
+    TemporaryFolder sockets;
+    std::string socketPath = sockets.path() + "/helper.sock";
+};
+
+const json kOK = json::array({true, nullptr});
+
+TEST_F(EndToEnd, TheOwnerCheckHoldsAcrossConnections)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "clients of other users need root to be made";
+    auto daemon = start({501, 502});
+
+    EXPECT_EQ(callAs(501, socketPath, request("setHardKillWithEngaged:reply:", {true})).value_or(json())["reply"], kOK);
+    ASSERT_TRUE(mac.fileExists(paths::hardKillMarker));
+    EXPECT_EQ(mac.readFile(paths::hardKillOwner), "501");
+
+    // Another account's lift answers success and changes nothing.
+    EXPECT_EQ(callAs(502, socketPath, request("setHardKillWithEngaged:reply:", {false})).value_or(json())["reply"], kOK);
+    EXPECT_TRUE(mac.fileExists(paths::hardKillMarker));
+    EXPECT_EQ(mac.readFile(paths::hardKillOwner), "501");
+    EXPECT_TRUE(blackoutRulesLoaded());
+    EXPECT_TRUE(pfEnabled());
+    EXPECT_NE(daemon->log().find("Hard Kill lift REFUSED — the standing blackout belongs to another user account"),
+              std::string::npos);
+
+    EXPECT_EQ(callAs(501, socketPath, request("setHardKillWithEngaged:reply:", {false})).value_or(json())["reply"], kOK);
+    EXPECT_FALSE(mac.fileExists(paths::hardKillMarker));
+    EXPECT_FALSE(blackoutRulesLoaded());
+    EXPECT_TRUE(references().empty());
+}
+
+TEST_F(EndToEnd, OnlyRootAndTheNamedUsersGetIn)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "clients of other users need root to be made";
+    auto daemon = start({501});
+    struct stat info{};
+    ASSERT_EQ(::stat(socketPath.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0666u);
+
+    EXPECT_EQ(callAs(501, socketPath, request("pingWithReply:")).value_or(json())["reply"],
+              json::array({"ORVEN Helper 2.10.0"}));
+    const auto refused = callAs(503, socketPath, request("pingWithReply:"));
+    ASSERT_TRUE(refused);
+    EXPECT_FALSE(refused->contains("reply"));
+    EXPECT_EQ(refused->value("error", ""), "uid 503 may not use this daemon");
+    EXPECT_NE(daemon->log().find("Refused a connection from uid 503"), std::string::npos);
+}
+
+TEST_F(EndToEnd, WithoutNamedUsersTheSocketIsRootsAlone)
+{
+    auto daemon = start();
+    struct stat info{};
+    ASSERT_EQ(::stat(socketPath.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(mac.readFile("/.macsim/launchd/test.orven.app.helper.pid"), std::to_string(daemon->pid()) + "\n");
+
+    Client client(socketPath);
+    EXPECT_EQ(client.call(request("pingWithReply:")).value_or(json())["reply"], json::array({"ORVEN Helper 2.10.0"}));
+    const auto log = daemon->log();
+    EXPECT_NE(log.find("[test.orven.app.helper:Bootstrap] ORVEN Helper starting (uid=0)"), std::string::npos);
+    EXPECT_NE(log.find("[test.orven.app.helper:Bootstrap] Listener resumed on test.orven.app.helper"), std::string::npos);
+    EXPECT_NE(log.find("[test.orven.app.helper:Listener] Accepted XPC connection"), std::string::npos);
+}
+
+TEST_F(EndToEnd, ConnectionsAreServedAtTheSameTime)
+{
+    auto daemon = start();
+    mac.addFault({"--tool", "pfctl", "--args", kAnchorListing, "--delay", "3", "--times", "1"});
+    Client slow(socketPath);
+    Client quick(socketPath);
+    slow.send(request("readHardKillStatusWithReply:", json::array(), "slow"));
+    ASSERT_TRUE(waitUntil([&] {
+        const auto calls = mac.calls();
+        return std::any_of(calls.begin(), calls.end(), [](const json& c) { return c.value("fault", false); });
+    }));
+    EXPECT_EQ(quick.call(request("pingWithReply:")).value_or(json())["reply"], json::array({"ORVEN Helper 2.10.0"}));
+    EXPECT_FALSE(slow.readLine(std::chrono::milliseconds(0))) << "the slow call was answered before the quick one";
+    const auto answer = slow.readLine();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(json::parse(*answer)["id"], "slow");
+}
+
+TEST_F(EndToEnd, ADaemonKilledInTheMiddleOfAnEngageLosesNothingWhenItComesBack)
+{
+    mac.addFault({"--tool", "pfctl", "--args", "-F states", "--hang", "--times", "1"});
+    {
+        auto daemon = start();
+        Client client(socketPath);
+        client.send(request("setHardKillWithEngaged:reply:", {true}));
+        std::optional<int> hangingPID;
+        ASSERT_TRUE(waitUntil([&] {
+            for (const auto& call : mac.calls())
+                if (call.value("tool", "") == "pfctl" && joinedArguments(call) == "-F states")
+                    hangingPID = call.value("pid", 0);
+            return hangingPID.has_value();
+        }));
+        ::kill(daemon->pid(), SIGKILL);
+        daemon->wait();
+        // The tool it was waiting for would hang for ever.
+        if (*hangingPID > 0) ::kill(*hangingPID, SIGKILL);
+    }
+
+    auto daemon = start();
+    Client client(socketPath);
+    ASSERT_TRUE(client.call(request("pingWithReply:")));
+
+    const bool reapplied = mac.fileExists(paths::hardKillMarker) && blackoutRulesLoaded() && pfEnabled();
+    const bool noBlackout = !(blackoutRulesLoaded() && pfEnabled()) && !mac.fileExists(paths::hardKillMarker);
+    EXPECT_TRUE(reapplied || noBlackout) << daemon->log();
+    const auto recorded = recordedTokens();
+    for (const auto& token : references())
+        EXPECT_NE(std::find(recorded.begin(), recorded.end(), token), recorded.end())
+            << "pf holds reference " << token << " that nothing records";
+}
+
+struct BadInput {
+    const char* name;
+    std::string selector;
+    json arguments;
+};
+
+class EndToEndBadInput : public EndToEnd, public ::testing::WithParamInterface<BadInput> {};
+
+TEST_P(EndToEndBadInput, IsRefusedAndRunsNoTool)
+{
+    auto daemon = start();
+    mac.clearCalls();
+    Client client(socketPath);
+    const auto answer = client.call(request(GetParam().selector, GetParam().arguments, GetParam().name));
+    ASSERT_TRUE(answer && answer->is_object());
+    EXPECT_EQ((*answer)["id"], GetParam().name);
+    ASSERT_TRUE(answer->contains("reply")) << *answer;
+    const auto& reply = (*answer)["reply"];
+    const bool refusedByTheTransport = answer->contains("error");
+    const bool refusedByTheMethod = reply.size() == 2 && reply[0] == false && reply[1].is_string();
+    EXPECT_TRUE(refusedByTheTransport || refusedByTheMethod) << *answer;
+    EXPECT_TRUE(mac.calls().empty()) << "a tool ran: " << mac.calls().front().dump();
+    // The connection is still usable and the daemon still runs.
+    EXPECT_EQ(client.call(request("pingWithReply:")).value_or(json())["reply"], json::array({"ORVEN Helper 2.10.0"}));
+    EXPECT_TRUE(daemon->running());
+}
+
+json isolation(const std::string& interface, const std::string& gateway = "192.168.1.1",
+               const std::string& subnet = "192.168.1.0/24", json dns = json::array({"192.168.1.53"}))
+{
+    return json::array({true, interface, gateway, subnet, std::move(dns), "", json::array(), json::array()});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, EndToEndBadInput,
+    ::testing::Values(
+        BadInput{"EngageAsText", "setHardKillWithEngaged:reply:", json::array({"true"})},
+        BadInput{"EngageAsNumber", "setHardKillWithEngaged:reply:", json::array({1})},
+        BadInput{"EngageAsNull", "setHardKillWithEngaged:reply:", json::array({nullptr})},
+        BadInput{"EngageWithoutArgument", "setHardKillWithEngaged:reply:", json::array()},
+        BadInput{"EngageTwice", "setHardKillWithEngaged:reply:", json::array({true, true})},
+        BadInput{"StatusWithArgument", "readHardKillStatusWithReply:", json::array({1})},
+        BadInput{"EnforcementWithArgument", "readHardKillEnforcementWithReply:", json::array({"x"})},
+        BadInput{"ResidueWithArgument", "readHardKillResidueWithTokenWithReply:", json::array({nullptr})},
+        BadInput{"ProofWithArgument", "readHardKillProofWithReply:", json::array({json::array()})},
+        BadInput{"UninstallWithArgument", "uninstallSelfWithReply:", json::array({true})},
+        BadInput{"SelfTerminateWithArgument", "selfTerminateWithReply:", json::array({true})},
+        BadInput{"PingWithArgument", "pingWithReply:", json::array({"hello"})},
+        BadInput{"IsolationTooFewArguments", kIsolation, json::array({true, "en0"})},
+        BadInput{"IsolationDNSNotStrings", kIsolation, isolation("en0", "192.168.1.1", "192.168.1.0/24", {1, 2})},
+        BadInput{"IsolationShellInName", kIsolation, isolation("en0; rm -rf /")},
+        BadInput{"IsolationPathInName", kIsolation, isolation("../../etc/passwd")},
+        BadInput{"IsolationNewlineInName", kIsolation, isolation("en0\n")},
+        BadInput{"IsolationNULInName", kIsolation, isolation(std::string("en\0" "0", 4))},
+        BadInput{"IsolationBidiControlInName", kIsolation, isolation("\u202Een0")},
+        BadInput{"IsolationFullWidthName", kIsolation, isolation("\uFF45\uFF4E0")},
+        BadInput{"IsolationHugeName", kIsolation, isolation(std::string(512 * 1024, 'e'))},
+        BadInput{"IsolationEmptyName", kIsolation, isolation("")},
+        BadInput{"IsolationGatewayWithCRLF", kIsolation, isolation("en0", "192.168.1.1\r\n")},
+        BadInput{"IsolationSubnetOutOfRange", kIsolation, isolation("en0", "192.168.1.1", "192.168.1.0/33")},
+        BadInput{"IsolationDNSWithNUL", kIsolation,
+                 isolation("en0", "192.168.1.1", "192.168.1.0/24", json::array({std::string("192.168.1.53\0", 13)}))},
+        BadInput{"IsolationHugeDNSList", kIsolation,
+                 isolation("en0", "192.168.1.1", "192.168.1.0/24", json(std::vector<std::string>(20000, "x")))},
+        BadInput{"NotAvailableIPv4", "applyIPv4WithServiceName:mode:ip:subnetMask:router:reply:",
+                 json::array({"Wi-Fi/../x", "manual", "1.2.3.4", "255.0.0.0", "1.2.3.1"})},
+        BadInput{"NotAvailableWiFi", "setWiFiPowerWithServiceName:on:reply:", json::array({"Wi-Fi\u0007", true})}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(EndToEnd, MalformedAndOversizedLinesRunNoTool)
+{
+    auto daemon = start();
+    mac.clearCalls();
+    Client client(socketPath);
+    for (const std::string line : {"nonsense\n", "{\"selector\":\"rm\"}\n", "[[[[[[[[[[[[[[[[[[[[[[]]]]]]]]]]]]]]]]]]]]]]\n",
+                                   "{\"id\":1,\"selector\":\"setHardKillWithEngaged:reply:\",\"arguments\":7}\n"}) {
+        const auto answer = client.call(line);
+        ASSERT_TRUE(answer && answer->is_object()) << line;
+        EXPECT_TRUE(answer->contains("error")) << line;
+        EXPECT_FALSE(answer->contains("reply")) << line;
+    }
+    // Longer than any request may be: answered once, then the connection ends.
+    client.send(std::string(2 * 1024 * 1024, 'a'));
+    const auto answer = client.readLine();
+    ASSERT_TRUE(answer);
+    EXPECT_NE(answer->find("request line longer than"), std::string::npos);
+    EXPECT_FALSE(client.readLine());
+    EXPECT_TRUE(mac.calls().empty());
+    EXPECT_TRUE(daemon->running());
+    EXPECT_TRUE(waitUntil([&] { return daemon->log().find("Connection invalidated") != std::string::npos; }));
+}
+
+TEST_F(EndToEnd, UninstallEndsInLaunchdStoppingTheDaemon)
+{
+    auto daemon = start();
+    std::ofstream(mac.path(paths::launchdPlist)) << "<plist/>";
+    Client client(socketPath);
+    EXPECT_EQ(client.call(request("uninstallSelfWithReply:")).value_or(json())["reply"], kOK);
+    const auto status = daemon->waitForExit();
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+    EXPECT_FALSE(mac.fileExists(paths::launchdPlist));
+    EXPECT_FALSE(mac.fileExists(paths::appBundle));
+    EXPECT_FALSE(mac.fileExists("/.macsim/launchd/test.orven.app.helper.pid"));
+    const auto log = daemon->log();
+    EXPECT_NE(log.find("uninstallSelf: kicking launchctl bootout"), std::string::npos);
+    EXPECT_EQ(log.find("exit(0) fallback"), std::string::npos) << "launchd's stop did not end the daemon";
+}
+
+TEST_F(EndToEnd, SelfTerminateAndLaunchdsStopBothEndTheDaemonCleanly)
+{
+    {
+        auto daemon = start();
+        Client client(socketPath);
+        EXPECT_EQ(client.call(request("selfTerminateWithReply:")).value_or(json())["reply"], json::array({true}));
+        const auto status = daemon->waitForExit();
+        ASSERT_TRUE(status);
+        EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+    }
+    auto daemon = start();
+    ::kill(daemon->pid(), SIGTERM);
+    const auto status = daemon->waitForExit();
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+}
+
+} // namespace
+} // namespace orven
