@@ -7,6 +7,19 @@
 
 namespace orven {
 
+namespace {
+
+void giveBackEarlierReferences(DaemonContext& context)
+{
+    const auto release = HelperService::releaseHeldTokens(context, std::nullopt);
+    if (release.kind == HelperService::TokenRelease::Kind::failed)
+        context.staticLog.error("a pf reference from a previous run is still held: %{public}s", release.message);
+    else
+        context.staticLog.notice("gave back a pf reference left over from a previous run");
+}
+
+} // namespace
+
 void HelperService::reapplyHardKillAtBoot(DaemonContext& context)
 {
     const bool marker = hardKillFlagExists(context);
@@ -19,11 +32,7 @@ void HelperService::reapplyHardKillAtBoot(DaemonContext& context)
         if (marker) {
             reapplyHardKillLocked(context);
         } else if (referencesHeld) {
-            const auto release = releaseHeldTokens(context, std::nullopt);
-            if (release.kind == TokenRelease::Kind::failed)
-                context.staticLog.error("a pf reference from a previous run is still held: %{public}s", release.message);
-            else
-                context.staticLog.notice("gave back a pf reference left over from a previous run");
+            giveBackEarlierReferences(context);
         }
     });
     if (!done) context.staticLog.error("Hard Kill re-apply skipped — pf lock unavailable");
@@ -36,6 +45,10 @@ void HelperService::reapplyHardKillLocked(DaemonContext& context)
         log.notice("Hard Kill re-apply at start: the cut is already standing — nothing re-taken");
         return;
     }
+    // Given back before the new reference is recorded: appending to the token
+    // file renews its time, and a token from before the boot would then look
+    // as if it named a reference still held, and be kept for ever.
+    if (!allHeldTokens(context).empty()) giveBackEarlierReferences(context);
     const auto live = pfctlShowRules(context);
     const auto plan = mainRulesetPlan(context, live.code == 0, live.out);
     const auto error = engageViaAnchor(context, plan);

@@ -148,6 +148,8 @@ TEST_F(PFCommandLayer, StateCountReadsTheStateTable)
     ASSERT_TRUE(HelperService::pfctlEnableWithToken(context()).token);
     ASSERT_FALSE(HelperService::pfctlFlushStates(context()));
     EXPECT_EQ(HelperService::pfStateCount(context()), 0);
+    // Only a passing rule that keeps state makes a state.
+    ASSERT_FALSE(HelperService::pfctlLoad(context(), std::string("pass out all\n")));
     ASSERT_EQ(daemon.mac.tool("/usr/bin/nc", {"-z", "-G", "2", "-w", "2", "1.1.1.1", "443"}).code, 0);
     EXPECT_GE(HelperService::pfStateCount(context()).value_or(0), 1);
     daemon.mac.addFault({"--tool", "pfctl", "--args", "-s state", "--exit", "1"});
