@@ -12,8 +12,6 @@ namespace {
 
 constexpr mode_t kStateDirectoryMode = 0755;
 constexpr mode_t kRecordMode = 0600;
-// A record is a few kilobytes; anything far larger is not ours.
-constexpr std::size_t kRecordMaxBytes = 4 << 20;
 
 } // namespace
 
@@ -127,9 +125,11 @@ OptionalText HelperService::loadOwnMainRuleset(DaemonContext& context, std::stri
         return std::nullopt;
     }
     const MainRulesetRecord record{std::string(HardKillProof::rawValue(shape)), live.out, params};
+    // A dump that is not valid UTF-8 could never be compared back: no record.
+    const auto encoded = encodeMainRulesetRecordExactly(record);
     const auto directoryError = files::createDirectories(context.host.path(paths::stateDirectory), kStateDirectoryMode);
-    if (directoryError || files::writeAtomically(context.host.path(paths::mainRulesetRecord),
-                                                 encodeMainRulesetRecord(record), kRecordMode)) {
+    if (!encoded || directoryError ||
+        files::writeAtomically(context.host.path(paths::mainRulesetRecord), *encoded, kRecordMode)) {
         context.staticLog.error("could not record which main ruleset ORVEN loaded — a later blackout will leave the main "
                                 "ruleset alone");
         // An older record would describe a ruleset that is no longer loaded.
@@ -140,7 +140,7 @@ OptionalText HelperService::loadOwnMainRuleset(DaemonContext& context, std::stri
 
 std::optional<MainRulesetRecord> HelperService::readMainRulesetRecord(DaemonContext& context)
 {
-    const auto content = files::read(context.host.path(paths::mainRulesetRecord), kRecordMaxBytes);
+    const auto content = files::read(context.host.path(paths::mainRulesetRecord), kMaxMainRulesetRecordBytes);
     if (!content) return std::nullopt;
     return decodeMainRulesetRecord(*content);
 }
