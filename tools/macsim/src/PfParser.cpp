@@ -72,12 +72,12 @@ public:
                 int n;
                 while ((n = get()) != EOF && (std::isalnum(n) || n == '_'))
                     name += static_cast<char>(n);
-                unget(n);
                 auto it = macros_.find(name);
                 if (it == macros_.end()) {
                     error(t.line, "macro '" + name + "' not defined");
-                    while ((c = get()) != '\n' && c != EOF)
-                        ;
+                    c = n;
+                    while (c != '\n' && c != EOF)
+                        c = get();
                     t.type = c == EOF ? Tok::End : Tok::Newline;
                     if (c == '\n')
                         ++line_;
@@ -85,6 +85,8 @@ public:
                 }
                 macro_ = it->second;
                 macroPos_ = 0;
+                // What ended the name is read after the macro's text.
+                afterMacro_ = n;
                 continue;
             }
             if (c == '"' || c == '\'') {
@@ -185,6 +187,11 @@ private:
             if (macroPos_ < macro_.size())
                 return static_cast<unsigned char>(macro_[macroPos_++]);
             macro_.clear();
+            if (afterMacro_ != EOF) {
+                const int c = afterMacro_;
+                afterMacro_ = EOF;
+                return c;
+            }
         }
         for (;;) {
             if (pos_ >= text_.size())
@@ -211,6 +218,7 @@ private:
     std::vector<int> pushed_;
     std::string macro_;
     std::size_t macroPos_ = 0;
+    int afterMacro_ = EOF;
     const std::map<std::string, std::string>& macros_;
 };
 
