@@ -149,6 +149,7 @@ struct BypassCase {
     std::function<void(const testing::SimulatedMac&)> arrange;
     std::string reason;
 };
+void PrintTo(const BypassCase& c, std::ostream* os) { *os << c.name; }
 
 class HardKillBypass : public HardKillFixture, public ::testing::WithParamInterface<BypassCase> {};
 
@@ -325,6 +326,7 @@ struct EngageFault {
     std::vector<std::vector<std::string>> faults;  // macsim fault arguments
     std::string message;
 };
+void PrintTo(const EngageFault& c, std::ostream* os) { *os << c.name; }
 
 class HardKillEngageFault : public HardKillFixture, public ::testing::WithParamInterface<EngageFault> {};
 
@@ -419,6 +421,7 @@ struct LiftFault {
     std::string message;
     bool reapplyOwed;
 };
+void PrintTo(const LiftFault& c, std::ostream* os) { *os << c.name; }
 
 class HardKillLiftFault : public HardKillFixture, public ::testing::WithParamInterface<LiftFault> {};
 

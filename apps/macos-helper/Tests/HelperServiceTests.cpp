@@ -41,6 +41,7 @@ struct NetworksetupCase {
     std::string output;
     std::optional<std::string> error;
 };
+void PrintTo(const NetworksetupCase& c, std::ostream* os) { *os << c.name; }
 
 class RunNetworksetup : public ::testing::TestWithParam<NetworksetupCase> {};
 

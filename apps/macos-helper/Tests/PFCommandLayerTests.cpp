@@ -69,6 +69,7 @@ struct FailureCase {
     std::function<OptionalText(DaemonContext&)> operation;
     std::string message;
 };
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
 
 class PFCommandFailures : public PFCommandLayer, public ::testing::WithParamInterface<FailureCase> {};
 
