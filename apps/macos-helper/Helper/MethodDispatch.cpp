@@ -22,9 +22,6 @@ struct IsOptional : std::false_type {};
 template <class T>
 struct IsOptional<std::optional<T>> : std::true_type {};
 
-template <class T>
-inline constexpr bool dependentFalse = false;
-
 // Parameters that are views borrow from storage of their owning type.
 template <class D>
 struct StorageFor {
@@ -106,7 +103,7 @@ bool convert(const WireValue& value, D& out)
             out = std::is_same_v<Inner, bool> ? static_cast<Inner>(*real != 0) : static_cast<Inner>(*real);
         else return false;
     } else {
-        static_assert(dependentFalse<D>, "no wire conversion for this parameter type");
+        static_assert(sizeof(D) == 0, "no wire conversion for this parameter type");
     }
     return true;
 }
@@ -137,7 +134,7 @@ WireValue toWire(R&& value, WireType type)
         if (!value) return Nil{};
         return std::move(*value);
     } else {
-        static_assert(dependentFalse<D>, "no wire conversion for this reply type");
+        static_assert(sizeof(D) == 0, "no wire conversion for this reply type");
     }
 }
 
