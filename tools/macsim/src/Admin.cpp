@@ -39,6 +39,9 @@ constexpr std::string_view kHelp = R"(usage: macsim <command> ROOT [arguments]
   fault ROOT clear | list
   calls ROOT [--json] [--mutating] | --clear
   leak-test ROOT                    send a battery of packets; exit 0 only if none passed
+  packet ROOT in|out IF PROTO SRC DST [--sport N] [--dport N] [--flags F] [--icmp-type N]
+                 [--icmp-code N] [--length N]
+                                    ask pf about one packet; exit 0 if it passes, 1 if not
   flow ROOT open tcp|udp HOST PORT [--if IF] | list | close ID|all
   show ROOT main | anchor NAME | references | states | counters | enabled | boottime | skip
   set ROOT probe-delay MS | altq on|off | target HOST up|down|rtt MS|mtu N
@@ -415,6 +418,65 @@ int leakTest(const std::string& root) {
     s.save();
     std::cout << "leak-test: " << battery.size() << " packets, " << passed << " passed\n";
     return passed ? 1 : 0;
+}
+
+int packet(const std::string& root, std::vector<std::string> args) {
+    const StorePaths paths(root);
+    auto sport = option(args, "--sport");
+    auto dport = option(args, "--dport");
+    auto flags = option(args, "--flags");
+    auto icmpType = option(args, "--icmp-type");
+    auto icmpCode = option(args, "--icmp-code");
+    auto length = option(args, "--length");
+    if (args.size() != 5 || (args[0] != "in" && args[0] != "out"))
+        fail("packet in|out IF PROTO SRC DST [--sport N] [--dport N] [--flags F] [--icmp-type N] [--icmp-code N] "
+             "[--length N]",
+             64);
+    auto src = IpAddr::parse(args[3]);
+    auto dst = IpAddr::parse(args[4]);
+    if (!src || !dst || src->family != dst->family)
+        fail("source and destination must be addresses of one family", 64);
+    std::uint8_t proto = 0;
+    if (auto p = protocolByName(args[2]))
+        proto = *p;
+    else
+        proto = static_cast<std::uint8_t>(number(args[2], "protocol"));
+    const Direction dir = args[0] == "in" ? Direction::In : Direction::Out;
+    const auto port = [](const std::optional<std::string>& v) {
+        return v ? static_cast<std::uint16_t>(number(*v, "port")) : std::uint16_t{0};
+    };
+    Packet p;
+    if (proto == Proto::Tcp) {
+        auto f = parseTcpFlags(flags.value_or("S"));
+        if (!f)
+            fail("bad --flags " + *flags, 64);
+        p = tcpPacket(dir, args[1], *src, port(sport), *dst, port(dport), *f);
+    } else if (proto == Proto::Udp) {
+        p = udpPacket(dir, args[1], *src, port(sport), *dst, port(dport));
+    } else if (proto == Proto::Icmp || proto == Proto::Icmp6) {
+        p = icmpEcho(dir, args[1], *src, *dst, false, port(sport), 56);
+        if (icmpType)
+            p.icmpType = static_cast<int>(number(*icmpType, "icmp type"));
+        if (icmpCode)
+            p.icmpCode = static_cast<int>(number(*icmpCode, "icmp code"));
+    } else {
+        p.dir = dir;
+        p.ifname = args[1];
+        p.af = src->family;
+        p.proto = proto;
+        p.src = *src;
+        p.dst = *dst;
+        p.length = 60;
+    }
+    if ((proto == Proto::Icmp && src->family != Family::Inet) || (proto == Proto::Icmp6 && src->family != Family::Inet6))
+        fail("the ICMP version does not match the addresses", 64);
+    if (length)
+        p.length = static_cast<std::uint32_t>(number(*length, "length"));
+    Session s(paths);
+    const Verdict v = filter(s, p);
+    s.save();
+    std::cout << (v.pass ? "pass: " : "block: ") << v.describe() << "\n";
+    return v.pass ? 0 : 1;
 }
 
 // ----------------------------------------------------------------- flows --
@@ -844,6 +906,8 @@ int adminMain(std::vector<std::string> args) {
             return leakTest(root);
         if (command == "flow")
             return flow(root, rest);
+        if (command == "packet")
+            return packet(root, rest);
         if (command == "show")
             return show(root, rest);
         if (command == "set")

@@ -339,12 +339,6 @@ std::size_t PfModel::flushStates() {
     return n;
 }
 
-void PfModel::clearCounters() {
-    for (auto& [path, rs] : rulesets)
-        for (auto& c : rs.counters)
-            c = RuleCounters{};
-}
-
 std::set<std::string> PfModel::existingAnchors() const {
     std::set<std::string> out;
     auto add = [&out](std::string path) {

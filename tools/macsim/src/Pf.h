@@ -115,7 +115,6 @@ public:
     // Clears the given kinds of an anchor.
     void clear(const std::string& path, const std::set<RuleKind>& kinds);
     std::size_t flushStates();
-    void clearCounters();
 
     std::set<std::string> existingAnchors() const;
     bool anchorExists(const std::string& path) const;

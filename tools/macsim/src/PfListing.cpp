@@ -67,7 +67,8 @@ std::string listRules(const PfModel& pf, const std::string& path, const std::set
     if (!rs)
         return {};
     std::string out;
-    const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
+    // Nested listings are indented, except in the verbose form.
+    const std::string indent(verbose ? 0 : static_cast<std::size_t>(depth) * 2, ' ');
     for (RuleKind kind : {RuleKind::Scrub, RuleKind::Nat, RuleKind::Rdr, RuleKind::Dummynet, RuleKind::Filter}) {
         if (!kinds.contains(kind))
             continue;
@@ -81,20 +82,17 @@ std::string listRules(const PfModel& pf, const std::string& path, const std::set
             if (verbose > 1)
                 line += "@" + std::to_string(number) + " ";
             ++number;
-            if (brace) {
-                auto slash = r.anchorCall.rfind('/');
-                const std::string shown =
-                    slash == std::string::npos ? r.anchorCall : r.anchorCall.substr(slash + 1);
-                line += printRule(r, shown) + " {\n";
-            } else {
-                line += printRule(r) + "\n";
-            }
+            auto slash = r.anchorCall.rfind('/');
+            const std::string shown = slash == std::string::npos ? r.anchorCall : r.anchorCall.substr(slash + 1);
+            line += (brace ? printRule(r, shown) + " {" : printRule(r)) + "\n";
             out += line;
             if (verbose)
                 out += counterLines(pf, path, *rs, i);
             if (brace) {
-                // pfctl descends into the call as written, wildcard and all.
-                const std::string child = (path.empty() ? "" : path + "/") + r.anchorCall;
+                // pfctl descends into the call's last component, so a
+                // wildcard call lands on an anchor named "*" that is not
+                // there (the listing bug the Mac shows).
+                const std::string child = (path.empty() ? "" : path + "/") + shown;
                 out += listRules(pf, child, kinds, verbose, recursive, err, depth + 1);
                 out += indent + "}\n";
             }

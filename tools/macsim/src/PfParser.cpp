@@ -858,6 +858,9 @@ private:
                 r.label = expectString();
             } else if (!scrub && acceptWord("tag")) {
                 r.tag = expectString();
+            } else if (peekWord("user") || peekWord("group") || peekWord("queue") || peekWord("probability") ||
+                       peekWord("tos") || peekWord("tagged") || peekWord("rtable")) {
+                fail("'" + peek().text + "' is not supported by this simulation");
             } else if (scrub && acceptWord("no-df")) {
                 r.noDf = true;
             } else if (scrub && acceptWord("random-id")) {

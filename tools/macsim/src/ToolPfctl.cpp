@@ -355,10 +355,14 @@ int pfctlMain(ToolContext& c) {
     if (o.show)
         show(c, s, o);
     if (o.clearStats) {
-        pf.clearCounters();
+        // DIOCCLRRULECTRS zeroes the main ruleset's filter rules only.
+        if (auto it = pf.rulesets.find(""); it != pf.rulesets.end())
+            for (std::size_t i = 0; i < it->second.rules.size(); ++i)
+                if (it->second.rules[i].kind == RuleKind::Filter)
+                    it->second.counters[i] = RuleCounters{};
         s.touchPf();
         if (!o.quiet)
-            c.err += "pf: statistics cleared\n";
+            c.err += "pf: rule counters cleared\n";
     }
     if (o.flush)
         flush(c, s, o);

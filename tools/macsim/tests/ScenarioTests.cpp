@@ -159,6 +159,127 @@ TEST(Pfctl, ReloadingPfConfKeepsOtherAnchors) {
               "scrub-anchor \"com.apple/*\" all fragment reassemble\nanchor \"com.apple/*\" all\n");
 }
 
+TEST(Pfctl, RecursiveListingFollowsCallsByTheirLastComponent) {
+    const Mac mac;
+    const std::string fw = "com.apple/250.ApplicationFirewall";
+    ASSERT_EQ(mac.pfctl({"-a", fw, "-f", "-"}, "anchor \"inner\"\n").status, 0);
+    ASSERT_EQ(mac.pfctl({"-a", fw + "/inner", "-f", "-"}, "block drop in inet proto icmp all icmp-type echoreq\n").status,
+              0);
+    Result r = mac.pfctl({"-a", fw + "/*", "-sr"});
+    EXPECT_EQ(r.out, "anchor \"inner\" all {\n  block drop in inet proto icmp all icmp-type echoreq\n}\n");
+    EXPECT_EQ(r.err, "");
+    // Wildcard calls descend into an anchor named "*", which is not there.
+    r = mac.pfctl({"-a", "com.apple/*", "-sr"});
+    EXPECT_EQ(r.out, "anchor \"*\" all {\n}\nanchor \"*\" all {\n}\n");
+    EXPECT_EQ(r.err, "pfctl: DIOCGETRULES: Invalid argument\npfctl: DIOCGETRULES: Invalid argument\n");
+    EXPECT_EQ(r.status, 0);
+}
+
+TEST(Pfctl, FlushAllClearsTheMainRulesetAndMore) {
+    const Mac mac;
+    mac.pfctl({"-f", "-"}, "set skip on lo0\npass out all\n");
+    mac.pfctl({"-e"});
+    mac.tool("/usr/bin/nc", {"-z", "1.1.1.1", "443"});
+    Result r = mac.pfctl({"-a", "x", "-F", "all"});
+    EXPECT_EQ(r.err, "rules cleared\nnat cleared\ndummynet cleared\n0 tables deleted.\n");
+    r = mac.pfctl({"-F", "all"});
+    EXPECT_EQ(r.err, "rules cleared\nnat cleared\ndummynet cleared\n0 tables deleted.\n1 states cleared\n"
+                     "source tracking entries cleared\npf: statistics cleared\npf: interface flags reset\n");
+    EXPECT_EQ(mac.pfctl({"-sr"}).out, "");
+    EXPECT_EQ(mac.show("skip").out, "");
+    EXPECT_EQ(mac.pfctl({"-a", "com.apple", "-s", "Anchors"}).out,
+              "  com.apple/200.AirDrop\n  com.apple/250.ApplicationFirewall\n");
+}
+
+TEST(Pfctl, ZeroingClearsTheMainFilterCountersOnly) {
+    const Mac mac;
+    mac.pfctl({"-f", "-"}, "pass out all\nanchor \"com.apple/*\"\n");
+    mac.pfctl({"-a", kBlackoutAnchor, "-f", "-"}, kBlackout);
+    mac.pfctl({"-e"});
+    mac.tool("/sbin/ping", {"-c", "1", "1.1.1.1"});
+    EXPECT_EQ(mac.pfctl({"-z"}).err, "pf: rule counters cleared\n");
+    EXPECT_TRUE(std::regex_search(mac.pfctl({"-v", "-sr"}).out, std::regex("Evaluations: 0 ")));
+    EXPECT_TRUE(std::regex_search(mac.pfctl({"-v", "-a", kBlackoutAnchor, "-sr"}).out,
+                                  std::regex("block drop quick all\n  \\[ Evaluations: 1 ")));
+}
+
+TEST(Pfctl, BrokenAnchorFileLoadsNothing) {
+    const Mac mac;
+    mac.pfctl({"-f", "-"}, "anchor \"com.apple/*\"\n");
+    ASSERT_TRUE(writeText(mac.path("/etc/pf.anchors/com.apple"), "#\n\nanchor 200.AirDrop/*\n"));
+    const Result r = mac.pfctl({"-f", "/etc/pf.conf"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, std::string(kLoadWarning) + "/etc/pf.anchors/com.apple:3: syntax error\n"
+                                                 "pfctl: Syntax error in config file: pf rules not loaded\n"
+                                                 "pfctl: load anchors\n");
+    EXPECT_EQ(mac.pfctl({"-sr"}).out, "anchor \"com.apple/*\" all\n");
+}
+
+TEST(Pfctl, ParseOnlyAndVerboseLoads) {
+    const Mac mac;
+    Result r = mac.pfctl({"-n", "-f", "-"}, "block drop quick all\n");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(mac.pfctl({"-sr"}).out,
+              "scrub-anchor \"com.apple/*\" all fragment reassemble\nanchor \"com.apple/*\" all\n");
+    r = mac.pfctl({"-v", "-a", "x", "-f", "-"}, "pass in proto tcp to port 22\n");
+    EXPECT_EQ(r.out, "pass in proto tcp from any to any port = 22 flags S/SA keep state\n");
+    EXPECT_NE(mac.pfctl({"-v", "-s", "Interfaces"}).out.find("\nen0\n"), std::string::npos);
+}
+
+// The daemon's LAN isolation ruleset, packet by packet.
+struct IsolationCase {
+    const char* name;
+    std::vector<std::string> packet;
+    bool passes;
+};
+
+class Isolation : public ::testing::TestWithParam<IsolationCase> {};
+
+TEST_P(Isolation, PassesWhatItKeepsAndDropsTheLan) {
+    const Mac mac;
+    ASSERT_EQ(mac.pfctl({"-f", "-"},
+                        "set skip on lo0\nscrub-anchor \"com.apple/*\"\nnat-anchor \"com.apple/*\"\n"
+                        "rdr-anchor \"com.apple/*\"\ndummynet-anchor \"com.apple/*\"\n"
+                        "pass quick on en0 proto udp from any port 68 to any port 67\n"
+                        "pass quick on en0 proto udp from any port 67 to any port 68\n"
+                        "pass quick on en0 inet from 192.168.1.1 to any\n"
+                        "pass quick on en0 inet from any to 192.168.1.1\n"
+                        "pass quick on en0 inet from any to 192.168.1.53\n"
+                        "block drop quick on en0 inet from 192.168.1.0/24 to 192.168.1.0/24\n"
+                        "pass quick on en0 inet6 proto udp from any port 546 to any port 547\n"
+                        "pass quick on en0 inet6 proto ipv6-icmp icmp6-type { 133, 134, 135, 136, 137 }\n"
+                        "pass quick on en0 inet6 from fe80::1 to any\n"
+                        "block drop quick on en0 inet6 from 2001:db8:1::/64 to 2001:db8:1::/64\n"
+                        "block drop quick on en0 inet6 from fe80::/10 to fe80::/10\n"
+                        "anchor \"com.apple/*\"\nload anchor \"com.apple\" from \"/etc/pf.anchors/com.apple\"\n")
+                  .status,
+              0);
+    ASSERT_EQ(mac.pfctl({"-e"}).status, 0);
+    std::vector<std::string> args{"packet", mac.root()};
+    args.insert(args.end(), GetParam().packet.begin(), GetParam().packet.end());
+    const Result r = mac.macsim(args);
+    EXPECT_EQ(r.status, GetParam().passes ? 0 : 1) << r.out << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Packets, Isolation,
+    ::testing::Values(
+        IsolationCase{"LanPeers", {"out", "en0", "tcp", "192.168.1.23", "192.168.1.40", "--dport", "22"}, false},
+        IsolationCase{"Gateway", {"out", "en0", "tcp", "192.168.1.23", "192.168.1.1", "--dport", "80"}, true},
+        IsolationCase{"Resolver", {"out", "en0", "udp", "192.168.1.23", "192.168.1.53", "--dport", "53"}, true},
+        IsolationCase{"DhcpBroadcast",
+                      {"out", "en0", "udp", "192.168.1.23", "192.168.1.255", "--sport", "68", "--dport", "67"}, true},
+        IsolationCase{"Internet", {"out", "en0", "tcp", "192.168.1.23", "1.1.1.1", "--dport", "443"}, true},
+        IsolationCase{"V6LanPeers", {"out", "en0", "tcp", "2001:db8:1::23", "2001:db8:1::40", "--dport", "22"}, false},
+        IsolationCase{"V6LinkLocalPeers", {"out", "en0", "udp", "fe80::23", "fe80::40", "--dport", "5353"}, false},
+        IsolationCase{"RouterAdvertisement", {"in", "en0", "icmp6", "fe80::1", "ff02::1", "--icmp-type", "134"}, true},
+        IsolationCase{"V6EchoToAPeer",
+                      {"out", "en0", "icmp6", "2001:db8:1::23", "2001:db8:1::40", "--icmp-type", "128"}, false},
+        IsolationCase{"MidFlowAckToAPeerIsDropped",
+                      {"out", "en0", "tcp", "192.168.1.23", "192.168.1.40", "--dport", "22", "--flags", "A"}, false},
+        IsolationCase{"LoopbackIsSkipped", {"out", "lo0", "tcp", "127.0.0.1", "127.0.0.1", "--dport", "22"}, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
 // -------------------------------------------------------------- leak test --
 
 std::string withPassQuickAboveApple() {
