@@ -75,8 +75,13 @@ bool addressMatches(const AddrSpec& spec, const IpAddr& addr, const PfModel::Int
 
 std::string host(const IpAddr& addr, std::uint16_t port) {
     std::string out = addr.str();
-    if (port)
-        out += addr.family == Family::Inet ? ":" + std::to_string(port) : "[" + std::to_string(port) + "]";
+    if (port) {
+        const bool v4 = addr.family == Family::Inet;
+        out += v4 ? ':' : '[';
+        out += std::to_string(port);
+        if (!v4)
+            out += ']';
+    }
     return out;
 }
 

@@ -80,7 +80,7 @@ std::string listRules(const PfModel& pf, const std::string& path, const std::set
             const bool brace = recursive && r.isAnchor;
             std::string line = indent;
             if (verbose > 1)
-                line += "@" + std::to_string(number) + " ";
+                line += '@' + std::to_string(number) + ' ';
             ++number;
             auto slash = r.anchorCall.rfind('/');
             const std::string shown = slash == std::string::npos ? r.anchorCall : r.anchorCall.substr(slash + 1);

@@ -144,7 +144,7 @@ std::string printAddress(const AddrSpec& s) {
         return "any";
     std::string out = s.addr.str();
     if (s.prefix != s.addr.maxBits())
-        out += "/" + std::to_string(s.prefix);
+        out += '/' + std::to_string(s.prefix);
     return out;
 }
 

@@ -107,7 +107,7 @@ TEST_P(Options, ParseAsBsdGetopt) {
     const GetoptResult r = getopt(GetParam().args, GetParam().optstring, GetParam().permute);
     std::string options;
     for (const auto& o : r.options)
-        options += (options.empty() ? "" : " ") + std::string(1, o.name) + "=" + o.value;
+        options += std::string(options.empty() ? "" : " ") + o.name + "=" + o.value;
     EXPECT_EQ(options, GetParam().options);
     EXPECT_EQ(r.operands, GetParam().operands);
     EXPECT_EQ(r.error.value_or(""), GetParam().error);

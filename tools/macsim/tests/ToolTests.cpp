@@ -346,4 +346,114 @@ TEST(Flows, OpenOnlyWhenPfLetsThemThrough) {
     EXPECT_EQ(mac.macsim({"flow", mac.root(), "list"}).out, "");
 }
 
+// ------------------------------------------------------------ edge cases --
+
+struct ErrorCase {
+    const char* name;
+    std::string tool;
+    std::vector<std::string> args;
+    int status;
+    std::string err;
+};
+
+class ToolErrors : public ::testing::TestWithParam<ErrorCase> {};
+
+TEST_P(ToolErrors, UseTheRealWordsAndStatuses) {
+    const Mac mac;
+    const Result r = mac.tool(GetParam().tool, GetParam().args);
+    EXPECT_EQ(r.status, GetParam().status);
+    EXPECT_EQ(r.err, GetParam().err);
+    EXPECT_EQ(r.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Tools, ToolErrors,
+    ::testing::Values(
+        ErrorCase{"Ping6BadBoundInterface", "/sbin/ping6", {"-c", "1", "-B", "en9", "::1"}, 1,
+                  "ping6: bad interface name\n"},
+        ErrorCase{"Ping6BadScope", "/sbin/ping6", {"-c", "1", "-I", "en9", "::1"}, 1,
+                  "ping6: en9: invalid interface name\n"},
+        ErrorCase{"Ping6BadCount", "/sbin/ping6", {"-c", "x", "::1"}, 1, "ping6: illegal number of packets -- x\n"},
+        ErrorCase{"Ping6UnknownHost", "/sbin/ping6", {"-c", "1", "nowhere"}, 1,
+                  "ping6: getaddrinfo -- nodename nor servname provided, or not known\n"},
+        ErrorCase{"NcBadInterface", "/usr/bin/nc", {"-z", "-b", "en9", "1.1.1.1", "443"}, 1, "nc: bad interface name\n"},
+        ErrorCase{"NcBadConnectionTimeout", "/usr/bin/nc", {"-z", "-G", "soon", "1.1.1.1", "443"}, 1,
+                  "nc: invalid tcp connection timeout\n"},
+        ErrorCase{"LaunchctlMalformedTarget", "/bin/launchctl", {"bootout", "test.orven.app.helper"}, 64,
+                  "Unrecognized target specifier.\nUsage: launchctl bootout <domain-target> [service-path1, "
+                  "service-path2, ...] | <service-target>\n<service-target> takes a form of "
+                  "<domain-target>/<service-id>.\n"},
+        ErrorCase{"LaunchctlPrintUnknown", "/bin/launchctl", {"print", "system/test.orven.app.helper"}, 113,
+                  "Could not find service \"test.orven.app.helper\" in domain for system\n"},
+        ErrorCase{"IpconfigBadMethod", "/usr/sbin/ipconfig", {"set", "en0", "SLAAC"}, 1,
+                  "ipconfig set: invalid method 'SLAAC'\n<method> is one of NONE, DHCP, BOOTP, MANUAL, INFORM, "
+                  "NONE-V6, AUTOMATIC-V6, MANUAL-V6, 6TO4\n"},
+        ErrorCase{"PkgutilUnknownPackage", "/usr/sbin/pkgutil", {"--pkg-info", "com.example.none"}, 1,
+                  "No receipt for 'com.example.none' found at '/'.\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Probes, NoRouteWhenTheInterfaceIsDown) {
+    const Mac mac;
+    mac.macsim({"set", mac.root(), "interface", "en0", "down"});
+    const Result r = mac.tool("/sbin/ping", {"-c", "1", "1.1.1.1"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, "ping: sendto: No route to host\n");
+    EXPECT_EQ(mac.tool("/usr/bin/nc", {"-z", "1.1.1.1", "443"}).status, 1);
+}
+
+TEST(Probes, UdpConnectSucceedsWithoutTraffic) {
+    const Mac mac;
+    blackout(mac);
+    const Result r = mac.tool("/usr/bin/nc", {"-u", "-z", "1.1.1.1", "53"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "Connection to 1.1.1.1 port 53 [udp/domain] succeeded!\n");
+}
+
+TEST(LeakBattery, CoversEveryInterfaceFamilyProtocolAndDirection) {
+    const Mac mac;
+    const std::string out = mac.macsim({"leak-test", mac.root()}).out;
+    for (const char* needle :
+         {"PASSED out en0 inet tcp ", "PASSED out en0 inet udp ", "PASSED out en0 inet icmp ",
+          "PASSED in  en0 inet tcp ", "PASSED in  en0 inet udp ", "PASSED in  en0 inet icmp ",
+          "PASSED out en0 inet6 tcp ", "PASSED out en0 inet6 udp ", "PASSED out en0 inet6 ipv6-icmp ",
+          "PASSED in  en0 inet6 tcp ", "PASSED in  en0 inet6 udp ", "PASSED in  en0 inet6 ipv6-icmp ",
+          "PASSED out utun0 inet6 tcp ", "PASSED out bridge0 inet udp 0.0.0.0:68 -> 255.255.255.255:67",
+          "-> 192.168.1.1:53", "-> 2001:db8:1::77.22", "PASSED out en0 inet tcp 192.168.1.23:52001 -> 1.1.1.1:443 [PA]",
+          "PASSED in  en0 inet tcp 1.1.1.1:443 -> 192.168.1.23:52001 [A]"})
+        EXPECT_NE(out.find(needle), std::string::npos) << needle << "\n" << out;
+    EXPECT_EQ(out.find(" lo0 "), std::string::npos);
+}
+
+TEST(Show, StatesAndCountersFollowTheTraffic) {
+    const Mac mac;
+    mac.pfctl({"-f", "-"}, "pass out proto tcp all\n");
+    mac.pfctl({"-e"});
+    ASSERT_EQ(mac.macsim({"flow", mac.root(), "open", "tcp", "1.1.1.1", "443"}).status, 0);
+    EXPECT_TRUE(std::regex_match(
+        mac.show("states").out,
+        std::regex(R"(ALL tcp 192\.168\.1\.23:[0-9]+ -> 1\.1\.1\.1:443       ESTABLISHED:ESTABLISHED\n)")));
+    EXPECT_TRUE(std::regex_search(mac.show("counters").out,
+                                  std::regex(R"(\[main\]\npass out proto tcp all flags S/SA keep state\n)"
+                                             R"(  \[ Evaluations: 1 +Packets: 3 +Bytes: [0-9]+ +States: 1 +\]\n)")))
+        << mac.show("counters").out;
+    EXPECT_EQ(mac.show("references").out, "enabled: yes\nreferences: 1\n");
+}
+
+TEST(Init, StartsOverEvenOnAnUsedMac) {
+    const Mac mac;
+    mac.pfctl({"-E"});
+    mac.macsim({"fault", mac.root(), "add", "--tool", "pfctl", "--exit", "3", "--times", "0"});
+    ASSERT_EQ(mac.macsim({"init", mac.root()}).status, 0);
+    EXPECT_EQ(mac.pfctl({"-s", "References"}).out, "No pf starter references held\n");
+    EXPECT_EQ(calls(mac).size(), 1u);
+    EXPECT_EQ(mac.macsim({"fault", mac.root(), "list"}).out, "");
+}
+
+TEST(Init, RefusesToWorkWithoutAMac) {
+    const Mac mac;
+    const Result r = mac.macsim({"show", mac.root() + "/nothing", "enabled"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("no simulated Mac at"), std::string::npos);
+}
+
 } // namespace
