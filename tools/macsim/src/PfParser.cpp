@@ -316,6 +316,7 @@ private:
     int line() const { return atEnd() ? endLine_ : peek().line; }
     [[noreturn]] void syntax() const { throw ParseError{line(), "syntax error"}; }
     [[noreturn]] void fail(const std::string& message) const { throw ParseError{endLine_, message}; }
+    [[noreturn]] void failHere(const std::string& message) const { throw ParseError{line(), message}; }
 
     bool isKeyword(const Token& t, std::string_view word) const { return t.type == Tok::Word && t.text == word; }
     bool peekWord(std::string_view word, std::size_t ahead = 0) const { return isKeyword(peek(ahead), word); }
@@ -650,7 +651,7 @@ private:
             return;
         }
         if (peekSym("<"))
-            fail("tables are not supported by this simulation");
+            failHere("tables are not supported by this simulation");
         std::string word = expectStringOrNumber();
         std::optional<long> bits;
         if (acceptSym("/"))
@@ -744,7 +745,7 @@ private:
         if (acceptWord("from")) {
             parseIpPortSpec(p.srcHosts, p.srcPorts);
             if (acceptWord("os"))
-                fail("OS fingerprints are not supported by this simulation");
+                failHere("OS fingerprints are not supported by this simulation");
         }
         if (acceptWord("to"))
             parseIpPortSpec(p.dstHosts, p.dstPorts);
@@ -860,7 +861,7 @@ private:
                 r.tag = expectString();
             } else if (peekWord("user") || peekWord("group") || peekWord("queue") || peekWord("probability") ||
                        peekWord("tos") || peekWord("tagged") || peekWord("rtable")) {
-                fail("'" + peek().text + "' is not supported by this simulation");
+                failHere("'" + peek().text + "' is not supported by this simulation");
             } else if (scrub && acceptWord("no-df")) {
                 r.noDf = true;
             } else if (scrub && acceptWord("random-id")) {
@@ -919,7 +920,7 @@ private:
         parseLogQuick(r);
         parseInterface(p);
         if (peekWord("route-to") || peekWord("reply-to") || peekWord("dup-to") || peekWord("fastroute"))
-            fail("route options are not supported by this simulation");
+            failHere("route options are not supported by this simulation");
         parseAf(r);
         parseProto(p);
         parseFromTo(p);
@@ -987,7 +988,7 @@ private:
         r.isAnchor = true;
         r.anchorCall = expectString();
         if (peekSym("{"))
-            fail("inline anchors are not supported by this simulation");
+            failHere("inline anchors are not supported by this simulation");
         if (r.anchorCall.size() > 1 && r.anchorCall.back() == '/')
             fail("anchorrule: bad anchor name " + r.anchorCall);
         if (!resolveAnchorCall(context_.anchorPath, r.anchorCall, r.anchorTarget, r.wildcard))

@@ -152,6 +152,16 @@ INSTANTIATE_TEST_SUITE_P(
                  "block drop all"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+TEST(Evaluation, BlockPolicyTravelsWithTheVerdict) {
+    PfModel pf = model("set block-policy return\nblock in all\nblock drop out all\n");
+    Verdict v = pf.test(tcpPacket(Direction::In, "en0", kRemote, 5000, kLocal, 22, TcpFlag::Syn), 1000);
+    EXPECT_FALSE(v.pass);
+    EXPECT_EQ(v.block, BlockPolicy::Return);
+    EXPECT_EQ(v.rule, "block return in all");
+    v = pf.test(synOut(), 1000);
+    EXPECT_EQ(v.block, BlockPolicy::Drop);
+}
+
 TEST(Evaluation, DisabledPfPassesWithoutLookingOrCounting) {
     PfModel pf = model("block drop quick all\n");
     pf.running = false;

@@ -266,6 +266,18 @@ INSTANTIATE_TEST_SUITE_P(
                   "stdin:1: rule expands to no valid combination\n"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+TEST(Errors, UnmodelledFeaturesSaySo) {
+    const std::vector<std::pair<const char*, const char*>> cases{
+        {"table <bad> { 10.0.0.1 }\n", "stdin:1: syntax error\n"},
+        {"block from <bad> to any\n", "stdin:1: tables are not supported by this simulation\n"},
+        {"pass out route-to (en0 192.168.1.1) all\n", "stdin:1: route options are not supported by this simulation\n"},
+        {"pass out proto tcp all user 501\n", "stdin:1: 'user' is not supported by this simulation\n"},
+        {"anchor \"x\" {\n pass all\n}\n", "stdin:1: inline anchors are not supported by this simulation\n"},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(errors(parseRuleset(text, context())), expected) << text;
+}
+
 TEST(Errors, FileNameLeadsTheLine) {
     ParseContext ctx = context();
     ctx.fileName = "/etc/pf.conf";

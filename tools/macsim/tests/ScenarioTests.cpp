@@ -8,11 +8,13 @@
 #include <thread>
 
 #include "Stock.h"
+#include "Store.h"
 #include "Support.h"
 
 namespace {
 
 using namespace macsim_test;
+using orven::macsim::joinArgs;
 
 const std::string kUsageStart = "usage: pfctl [-AdeghmNnOqRrvz] [-a anchor] [-D macro=value] [-F modifier]\n";
 
@@ -105,6 +107,52 @@ TEST(Pfctl, ReleasingTokensReportsWhatRemains) {
     EXPECT_EQ(r.err, "pf disabled\n");
     EXPECT_EQ(mac.pfctl({"-X", second}).err, "pfctl: pf not enabled\n");
 }
+
+struct ReferenceStep {
+    std::vector<std::string> args; // "TOKEN" stands for the token of the first -E
+    std::string err;
+    int status;
+};
+
+class PfctlReferences : public ::testing::TestWithParam<std::pair<const char*, std::vector<ReferenceStep>>> {};
+
+TEST_P(PfctlReferences, FollowTheKernelsCount) {
+    const Mac mac;
+    std::string token;
+    for (const auto& step : GetParam().second) {
+        std::vector<std::string> args = step.args;
+        for (auto& a : args)
+            if (a == "TOKEN")
+                a = token;
+        const Result r = mac.pfctl(args);
+        if (args == std::vector<std::string>{"-E"} && token.empty())
+            token = tokenOf(r);
+        else
+            EXPECT_EQ(r.err, step.err) << joinArgs(args);
+        EXPECT_EQ(r.status, step.status) << joinArgs(args);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sequences, PfctlReferences,
+    ::testing::Values(
+        std::make_pair("PlainEnableUnderATokenStaysAfterIt",
+                       std::vector<ReferenceStep>{
+                           {{"-E"}, "", 0},
+                           {{"-e"}, "pfctl: pf already enabled\n", 1},
+                           {{"-X", "TOKEN"},
+                            "disable request successful. 1 more pf enable reference(s) remaining, pf still enabled.\n", 0},
+                           {{"-d"}, "pf disabled\n", 0}}),
+        std::make_pair("DisableForgetsTheToken",
+                       std::vector<ReferenceStep>{{{"-E"}, "", 0},
+                                                  {{"-d"}, "pf disabled\n", 0},
+                                                  {{"-X", "TOKEN"}, "pfctl: pf not enabled\n", 1},
+                                                  {{"-e"}, "pf enabled\n", 0},
+                                                  {{"-X", "TOKEN"}, "pfctl: pf: token invalid\n", 1}}),
+        std::make_pair("HexTokensAreAccepted",
+                       std::vector<ReferenceStep>{{{"-e"}, "pf enabled\n", 0},
+                                                  {{"-X", "0x10"}, "pfctl: pf: token invalid\n", 1}})),
+    [](const auto& info) { return std::string(info.param.first); });
 
 TEST(Pfctl, ReferencesListTheHolder) {
     const Mac mac;
