@@ -12,11 +12,6 @@
 // Exit status: 0 when the call was answered with a reply, 1 when the daemon
 // answered with an error only, 2 when no answer came, 64 on a usage error.
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -33,6 +28,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Linux/SocketClient.h"
 #include "MethodDispatch.h"
 #include "OrvenHelperProtocol.h"
 
@@ -43,7 +39,6 @@ constexpr int kErrorAnswer = 1;
 constexpr int kNoAnswer = 2;
 constexpr int kUsage = 64;
 constexpr double kDefaultTimeoutSeconds = 300.0;  // longer than a Hard Kill may take
-constexpr std::size_t kMaxAnswerBytes = std::size_t{64} << 20;
 
 [[noreturn]] void fail(int status, const std::string& message)
 {
@@ -131,52 +126,6 @@ nlohmann::json argumentValue(WireType type, const std::string& text, std::size_t
     badArgument(position, text, "a value");
 }
 
-int connectTo(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) usage("socket path too long");
-    std::memcpy(address.sun_path, path.data(), path.size());
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) fail(kNoAnswer, std::string("socket: ") + std::strerror(errno));
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        fail(kNoAnswer, "cannot connect to " + path + ": " + std::strerror(errno));
-    return fd;
-}
-
-void sendAll(int fd, const std::string& data)
-{
-    std::size_t sent = 0;
-    while (sent < data.size()) {
-        const ssize_t n = ::send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) fail(kNoAnswer, std::string("send: ") + std::strerror(errno));
-        sent += static_cast<std::size_t>(n);
-    }
-}
-
-std::string readLine(int fd, double timeoutSeconds)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
-    std::string line;
-    char buffer[64 * 1024];
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) fail(kNoAnswer, "no answer within the time-out");
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, static_cast<int>(std::min<long long>(left.count(), 60'000)));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) fail(kNoAnswer, std::string("poll: ") + std::strerror(errno));
-        if (ready == 0) continue;
-        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) fail(kNoAnswer, "the daemon closed the connection without an answer");
-        line.append(buffer, static_cast<std::size_t>(n));
-        if (const auto end = line.find('\n'); end != std::string::npos) return line.substr(0, end);
-        if (line.size() > kMaxAnswerBytes) fail(kNoAnswer, "answer too long");
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -235,10 +184,12 @@ int main(int argc, char** argv)
     }
     if (request.find('\n') != std::string::npos) usage("a request is one line");
 
-    const int fd = connectTo(socketPath);
-    sendAll(fd, request + "\n");
-    const std::string answer = readLine(fd, timeout);
-    ::close(fd);
+    std::string error;
+    auto client = orven::SocketClient::connect(socketPath, &error);
+    if (!client) fail(kNoAnswer, error);
+    const auto line = client->call(request, std::chrono::milliseconds(static_cast<long long>(timeout * 1000)));
+    if (!line.text) fail(kNoAnswer, line.error);
+    const std::string& answer = *line.text;
 
     std::printf("%s\n", answer.c_str());
     std::fflush(stdout);

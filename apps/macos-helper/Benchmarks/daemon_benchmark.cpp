@@ -8,11 +8,8 @@
 // start_to_listen_ms=.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +28,7 @@
 #include <benchmark/benchmark.h>
 
 #include "BoundedProcess.h"
+#include "Linux/SocketClient.h"
 
 extern char** environ;
 
@@ -42,20 +40,6 @@ using Clock = std::chrono::steady_clock;
 {
     std::fprintf(stderr, "daemon_benchmark: %s\n", message.c_str());
     std::exit(1);
-}
-
-int connectTo(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 // A throw-away simulated Mac with nothing to re-apply.
@@ -112,10 +96,8 @@ public:
     {
         const auto deadline = started_ + std::chrono::seconds(30);
         while (Clock::now() < deadline) {
-            const int fd = connectTo(socket_);
-            if (fd >= 0) {
+            if (orven::SocketClient::connect(socket_)) {
                 const auto elapsed = Clock::now() - started_;
-                ::close(fd);
                 return std::chrono::duration<double, std::milli>(elapsed).count();
             }
             std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -142,34 +124,23 @@ private:
 // One connection, one request at a time.
 class Connection {
 public:
-    explicit Connection(const std::string& socket) : fd_(connectTo(socket))
+    explicit Connection(const std::string& socket)
     {
-        if (fd_ < 0) fail("cannot connect");
+        std::string error;
+        auto client = orven::SocketClient::connect(socket, &error);
+        if (!client) fail(error);
+        client_.emplace(std::move(*client));
     }
-    ~Connection() { ::close(fd_); }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
     std::string call(const std::string& line)
     {
-        const std::string data = line + "\n";
-        if (::send(fd_, data.data(), data.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(data.size())) fail("send");
-        for (;;) {
-            if (const auto end = buffer_.find('\n'); end != std::string::npos) {
-                std::string answer = buffer_.substr(0, end);
-                buffer_.erase(0, end + 1);
-                return answer;
-            }
-            char chunk[4096];
-            const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-            if (n <= 0) fail("the daemon hung up");
-            buffer_.append(chunk, static_cast<std::size_t>(n));
-        }
+        auto answer = client_->call(line, std::chrono::seconds(60));
+        if (!answer.text) fail(answer.error);
+        return std::move(*answer.text);
     }
 
 private:
-    int fd_;
-    std::string buffer_;
+    std::optional<orven::SocketClient> client_;
 };
 
 const char* const kStatusQueries[] = {

@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "HelperService.h"
+#include "Linux/SocketClient.h"
 #include "Support/SimulatedMac.h"
 
 namespace orven {
@@ -51,63 +52,21 @@ bool waitUntil(const std::function<bool()>& condition)
     return condition();
 }
 
-int connectTo(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // One connection to the daemon, read line by line.
 class Client {
 public:
-    explicit Client(const std::string& socketPath) : fd_(connectTo(socketPath)) {}
-    ~Client()
+    explicit Client(const std::string& socketPath) : client_(SocketClient::connect(socketPath)) {}
+
+    bool connected() const { return client_.has_value(); }
+    void send(const std::string& data)
     {
-        if (fd_ >= 0) ::close(fd_);
+        if (client_) client_->send(data);
     }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    bool connected() const { return fd_ >= 0; }
-
-    void send(const std::string& data) const
-    {
-        std::size_t sent = 0;
-        while (sent < data.size()) {
-            const ssize_t n = ::send(fd_, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) return;
-            sent += static_cast<std::size_t>(n);
-        }
-    }
-
     // The next line, or absent when the connection ended or nothing came.
     std::optional<std::string> readLine(std::chrono::milliseconds wait = kPatience)
     {
-        const auto deadline = std::chrono::steady_clock::now() + wait;
-        for (;;) {
-            if (const auto end = buffer_.find('\n'); end != std::string::npos) {
-                std::string line = buffer_.substr(0, end);
-                buffer_.erase(0, end + 1);
-                return line;
-            }
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd entry{fd_, POLLIN, 0};
-            if (::poll(&entry, 1, static_cast<int>(std::max<long long>(left.count(), 0))) <= 0) return std::nullopt;
-            char chunk[65536];
-            const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-            if (n <= 0) return std::nullopt;
-            buffer_.append(chunk, static_cast<std::size_t>(n));
-        }
+        return client_ ? client_->readLine(wait).text : std::nullopt;
     }
-
     std::optional<json> call(const std::string& line)
     {
         send(line);
@@ -117,8 +76,7 @@ public:
     }
 
 private:
-    int fd_;
-    std::string buffer_;
+    std::optional<SocketClient> client_;
 };
 
 // A call made by a child process running as `uid`, the way another user's
@@ -200,10 +158,7 @@ public:
     {
         return waitUntil([this] {
             if (exitedNow()) return true;
-            const int fd = connectTo(socketPath_);
-            if (fd < 0) return false;
-            ::close(fd);
-            return true;
+            return SocketClient::connect(socketPath_).has_value();
         }) && running();
     }
 
