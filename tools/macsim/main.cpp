@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
     std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
     const auto slash = argv0.rfind('/');
     const std::string base = slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
-    if (const ToolSpec* tool = findTool(base)) {
+    if (const ToolEntry* tool = findTool(base)) {
         // The daemon runs tools by absolute path, so the root is whatever
         // precedes the tool's install path.
         if (argv0.starts_with("/") && argv0.ends_with(tool->installPath)) {

@@ -1,4 +1,4 @@
-// `macsim <command> ROOT ...`: making, rebooting, shaping and inspecting a
+// `macsim <command> ROOT ...`: making, rebooting, shaping and reading a
 // simulated Mac, for tests and for people.
 
 #include "Admin.h"
@@ -553,7 +553,7 @@ int flow(const std::string& root, std::vector<std::string> args) {
     return 0;
 }
 
-// ------------------------------------------------------------ inspection --
+// ------------------------------------------------------------ reading --
 
 std::string rulesetReport(const PfModel& pf, const std::string& path) {
     const Ruleset* rs = pf.find(path);
@@ -893,7 +893,7 @@ int adminMain(std::vector<std::string> args) {
         if (command == "run") {
             if (rest.empty())
                 fail("run ROOT TOOL [ARGS...]", 64);
-            const ToolSpec* tool = findTool(rest[0]);
+            const ToolEntry* tool = findTool(rest[0]);
             if (!tool)
                 fail("no tool " + rest[0], 64);
             return runTool(*tool, root, std::vector<std::string>(rest.begin() + 1, rest.end()));

@@ -43,9 +43,9 @@ void sleepFor(double seconds) {
 
 } // namespace
 
-const std::vector<ToolSpec>& tools() {
+const std::vector<ToolEntry>& tools() {
     // New tools are added here and get their link from `macsim init`.
-    static const std::vector<ToolSpec> table{
+    static const std::vector<ToolEntry> table{
         {"pfctl", "/sbin/pfctl", pfctlMain, pfctlMutates},
         {"ping", "/sbin/ping", pingMain, nullptr},
         {"ping6", "/sbin/ping6", ping6Main, nullptr},
@@ -57,7 +57,7 @@ const std::vector<ToolSpec>& tools() {
     return table;
 }
 
-const ToolSpec* findTool(std::string_view name) {
+const ToolEntry* findTool(std::string_view name) {
     for (const auto& t : tools())
         if (t.name == name)
             return &t;
@@ -93,13 +93,13 @@ std::optional<FaultAnswer> consultFaults(Session& session, std::string_view tool
     return answer;
 }
 
-int runTool(const ToolSpec& spec, const std::string& root, std::vector<std::string> args) {
-    ToolContext c{StorePaths(root), std::string(spec.name), std::move(args), {}, {}, readAllStdin, sleepFor};
+int runTool(const ToolEntry& entry, const std::string& root, std::vector<std::string> args) {
+    ToolContext c{StorePaths(root), std::string(entry.name), std::move(args), {}, {}, readAllStdin, sleepFor};
     try {
         std::optional<FaultAnswer> fault;
         {
             Session session(c.paths);
-            fault = consultFaults(session, spec.name, c.args, spec.mutating ? spec.mutating(c.args) : false);
+            fault = consultFaults(session, entry.name, c.args, entry.mutating ? entry.mutating(c.args) : false);
             session.save();
         }
         if (fault) {
@@ -112,7 +112,7 @@ int runTool(const ToolSpec& spec, const std::string& root, std::vector<std::stri
                 return *fault->exitStatus;
             }
         }
-        const int status = spec.run(c);
+        const int status = entry.run(c);
         if (fault && fault->out)
             c.out = *fault->out;
         if (fault && fault->err)
@@ -122,7 +122,7 @@ int runTool(const ToolSpec& spec, const std::string& root, std::vector<std::stri
         return status;
     } catch (const std::exception& e) {
         writeAll(1, c.out);
-        writeAll(2, c.err + std::string(spec.name) + ": " + e.what() + "\n");
+        writeAll(2, c.err + std::string(entry.name) + ": " + e.what() + "\n");
         return 1;
     }
 }

@@ -54,23 +54,23 @@ void advanceOther(std::uint8_t& src, std::uint8_t& dst) {
         dst = 2;
 }
 
-bool addressMatches(const AddrSpec& spec, const IpAddr& addr, const PfModel::InterfaceAddresses& addresses) {
+bool addressMatches(const AddrMatch& m, const IpAddr& addr, const PfModel::InterfaceAddresses& addresses) {
     bool match = false;
-    switch (spec.type) {
+    switch (m.type) {
     case AddrType::Mask:
-        match = spec.addr.family == Family::None || (spec.addr.isZero() && spec.prefix == 0) ||
-                inPrefix(addr, spec.addr, spec.prefix);
+        match = m.addr.family == Family::None || (m.addr.isZero() && m.prefix == 0) ||
+                inPrefix(addr, m.addr, m.prefix);
         break;
     case AddrType::DynIf:
         if (addresses)
-            for (const auto& a : addresses(spec.ifname))
+            for (const auto& a : addresses(m.ifname))
                 if (a == addr)
                     match = true;
         break;
     case AddrType::NoRoute:
     case AddrType::UrpfFailed: match = false; break;
     }
-    return match != spec.neg;
+    return match != m.neg;
 }
 
 std::string host(const IpAddr& addr, std::uint16_t port) {

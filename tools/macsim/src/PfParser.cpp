@@ -235,7 +235,7 @@ struct IfItem {
 };
 
 struct HostItem {
-    AddrSpec spec; // without port
+    AddrMatch host; // without port
 };
 
 struct IcmpItem {
@@ -253,7 +253,7 @@ struct RuleParts {
     std::vector<std::uint8_t> protos;
     bool protoGiven = false;
     std::vector<HostItem> srcHosts, dstHosts;
-    std::vector<PortSpec> srcPorts, dstPorts;
+    std::vector<PortMatch> srcPorts, dstPorts;
     std::vector<IcmpItem> icmps;
     bool flagsGiven = false;
     bool keepGiven = false;
@@ -587,12 +587,12 @@ private:
             if (auto addrs = context_.interfaceAddresses(name)) {
                 for (const auto& a : *addrs) {
                     HostItem h;
-                    h.spec.addr = network ? masked(a.addr, a.prefix) : a.addr;
-                    h.spec.prefix = network ? a.prefix : a.addr.maxBits();
-                    h.spec.neg = neg;
+                    h.host.addr = network ? masked(a.addr, a.prefix) : a.addr;
+                    h.host.prefix = network ? a.prefix : a.addr.maxBits();
+                    h.host.neg = neg;
                     if (maskBits) {
-                        h.spec.prefix = static_cast<int>(*maskBits);
-                        h.spec.addr = masked(h.spec.addr, h.spec.prefix);
+                        h.host.prefix = static_cast<int>(*maskBits);
+                        h.host.addr = masked(h.host.addr, h.host.prefix);
                     }
                     out.push_back(h);
                 }
@@ -610,12 +610,12 @@ private:
         if (!addr)
             fail("no IP address found for " + word);
         HostItem h;
-        h.spec.neg = neg;
+        h.host.neg = neg;
         int bits = maskBits ? static_cast<int>(*maskBits) : addr->maxBits();
         if (bits < 0 || bits > addr->maxBits())
             fail("illegal netmask value " + std::to_string(bits));
-        h.spec.prefix = bits;
-        h.spec.addr = masked(*addr, bits);
+        h.host.prefix = bits;
+        h.host.addr = masked(*addr, bits);
         out.push_back(h);
     }
 
@@ -623,29 +623,29 @@ private:
         bool neg = acceptSym("!");
         if (acceptWord("any")) {
             HostItem h;
-            h.spec.neg = neg;
+            h.host.neg = neg;
             out.push_back(h);
             return;
         }
         if (acceptWord("no-route")) {
             HostItem h;
-            h.spec.type = AddrType::NoRoute;
-            h.spec.neg = neg;
+            h.host.type = AddrType::NoRoute;
+            h.host.neg = neg;
             out.push_back(h);
             return;
         }
         if (acceptWord("urpf-failed")) {
             HostItem h;
-            h.spec.type = AddrType::UrpfFailed;
-            h.spec.neg = neg;
+            h.host.type = AddrType::UrpfFailed;
+            h.host.neg = neg;
             out.push_back(h);
             return;
         }
         if (acceptSym("(")) {
             HostItem h;
-            h.spec.type = AddrType::DynIf;
-            h.spec.ifname = expectString();
-            h.spec.neg = neg;
+            h.host.type = AddrType::DynIf;
+            h.host.ifname = expectString();
+            h.host.neg = neg;
             expectSym(")");
             out.push_back(h);
             return;
@@ -685,8 +685,8 @@ private:
         return *s;
     }
 
-    PortSpec portItem() {
-        PortSpec spec;
+    PortMatch portItem() {
+        PortMatch port;
         static const std::map<std::string, PortOp, std::less<>> unary{{"=", PortOp::Eq},  {"!=", PortOp::Ne},
                                                                       {"<", PortOp::Lt},  {"<=", PortOp::Le},
                                                                       {">", PortOp::Gt},  {">=", PortOp::Ge}};
@@ -695,31 +695,31 @@ private:
             if (it == unary.end())
                 syntax();
             ++pos_;
-            spec.op = it->second;
-            spec.a = portNumber(expectStringOrNumber());
-            return spec;
+            port.op = it->second;
+            port.a = portNumber(expectStringOrNumber());
+            return port;
         }
         std::string first = expectStringOrNumber();
         if (auto colon = first.find(':'); colon != std::string::npos) {
-            spec.op = PortOp::Range;
-            spec.a = portNumber(first.substr(0, colon));
-            spec.b = portNumber(first.substr(colon + 1));
-            return spec;
+            port.op = PortOp::Range;
+            port.a = portNumber(first.substr(0, colon));
+            port.b = portNumber(first.substr(colon + 1));
+            return port;
         }
-        spec.a = portNumber(first);
+        port.a = portNumber(first);
         if (acceptSym("><")) {
-            spec.op = PortOp::Inside;
-            spec.b = portNumber(expectStringOrNumber());
+            port.op = PortOp::Inside;
+            port.b = portNumber(expectStringOrNumber());
         } else if (acceptSym("<>")) {
-            spec.op = PortOp::Outside;
-            spec.b = portNumber(expectStringOrNumber());
+            port.op = PortOp::Outside;
+            port.b = portNumber(expectStringOrNumber());
         } else {
-            spec.op = PortOp::Eq;
+            port.op = PortOp::Eq;
         }
-        return spec;
+        return port;
     }
 
-    void parsePorts(std::vector<PortSpec>& out) {
+    void parsePorts(std::vector<PortMatch>& out) {
         if (acceptSym("{")) {
             while (!acceptSym("}")) {
                 out.push_back(portItem());
@@ -732,7 +732,7 @@ private:
         }
     }
 
-    void parseIpPortSpec(std::vector<HostItem>& hosts, std::vector<PortSpec>& ports) {
+    void parseIpPortSpec(std::vector<HostItem>& hosts, std::vector<PortMatch>& ports) {
         if (!peekWord("port"))
             parseHosts(hosts);
         if (acceptWord("port"))
@@ -1026,7 +1026,7 @@ private:
         hostItem(target);
         if (target.size() != 1)
             fail("translation address expands to multiple addresses");
-        r.redirect = target.front().spec;
+        r.redirect = target.front().host;
         if (r.action == Action::Rdr && acceptWord("port")) {
             std::string port = expectStringOrNumber();
             r.redirectPort = portNumber(port.substr(0, port.find(':')));
@@ -1047,9 +1047,9 @@ private:
     static Family decideFamily(const std::vector<HostItem>& hosts, Family af) {
         if (af != Family::None || hosts.empty())
             return af;
-        const Family first = hosts.front().spec.addr.family;
+        const Family first = hosts.front().host.addr.family;
         for (const auto& h : hosts)
-            if (h.spec.addr.family != first)
+            if (h.host.addr.family != first)
                 return Family::None;
         return first;
     }
@@ -1087,8 +1087,8 @@ private:
         std::vector<std::uint8_t> protos = p.protos.empty() ? std::vector<std::uint8_t>{0} : p.protos;
         std::vector<HostItem> srcs = p.srcHosts.empty() ? std::vector<HostItem>{HostItem{}} : p.srcHosts;
         std::vector<HostItem> dsts = p.dstHosts.empty() ? std::vector<HostItem>{HostItem{}} : p.dstHosts;
-        std::vector<PortSpec> sports = p.srcPorts.empty() ? std::vector<PortSpec>{PortSpec{}} : p.srcPorts;
-        std::vector<PortSpec> dports = p.dstPorts.empty() ? std::vector<PortSpec>{PortSpec{}} : p.dstPorts;
+        std::vector<PortMatch> sports = p.srcPorts.empty() ? std::vector<PortMatch>{PortMatch{}} : p.srcPorts;
+        std::vector<PortMatch> dports = p.dstPorts.empty() ? std::vector<PortMatch>{PortMatch{}} : p.dstPorts;
         std::vector<std::optional<IcmpItem>> icmps;
         if (p.icmps.empty())
             icmps.push_back(std::nullopt);
@@ -1104,7 +1104,7 @@ private:
                             for (const auto& dport : dports)
                                 for (const auto& icmp : icmps) {
                                     Rule r = base;
-                                    const Family sa = src.spec.addr.family, da = dst.spec.addr.family;
+                                    const Family sa = src.host.addr.family, da = dst.host.addr.family;
                                     if ((r.af != Family::None && sa != Family::None && r.af != sa) ||
                                         (r.af != Family::None && da != Family::None && r.af != da) ||
                                         (sa != Family::None && da != Family::None && sa != da))
@@ -1123,9 +1123,9 @@ private:
                                         r.flags = flags;
                                         r.flagset = flagset;
                                     }
-                                    r.src = src.spec;
+                                    r.src = src.host;
                                     r.src.port = sport;
-                                    r.dst = dst.spec;
+                                    r.dst = dst.host;
                                     r.dst.port = dport;
                                     std::vector<std::string> problems;
                                     if (icmp) {

@@ -88,7 +88,7 @@ std::string portOpText(PortOp op, std::uint16_t a, std::uint16_t b) {
     return "";
 }
 
-bool isAnyAddress(const AddrSpec& s) {
+bool isAnyAddress(const AddrMatch& s) {
     return s.type == AddrType::Mask && (s.addr.family == Family::None || (s.addr.isZero() && s.prefix == 0));
 }
 
@@ -117,7 +117,7 @@ std::string actionKeyword(Action action) {
 
 } // namespace
 
-bool PortSpec::matches(std::uint16_t p) const {
+bool PortMatch::matches(std::uint16_t p) const {
     switch (op) {
     case PortOp::None: return true;
     case PortOp::Eq: return p == a;
@@ -133,7 +133,7 @@ bool PortSpec::matches(std::uint16_t p) const {
     return false;
 }
 
-std::string printAddress(const AddrSpec& s) {
+std::string printAddress(const AddrMatch& s) {
     switch (s.type) {
     case AddrType::DynIf: return "(" + s.ifname + ")";
     case AddrType::NoRoute: return "no-route";
@@ -194,7 +194,7 @@ std::string printRule(const Rule& r, std::optional<std::string_view> anchorCallS
         r.dst.port.op == PortOp::None) {
         out += " all";
     } else {
-        for (const AddrSpec* side : {&r.src, &r.dst}) {
+        for (const AddrMatch* side : {&r.src, &r.dst}) {
             out += side == &r.src ? " from " : " to ";
             if (side->neg)
                 out += "! ";

@@ -32,22 +32,22 @@ namespace Proto {
 inline constexpr std::uint8_t Icmp = 1, Tcp = 6, Udp = 17, Icmp6 = 58;
 }
 
-struct PortSpec {
+struct PortMatch {
     PortOp op = PortOp::None;
     std::uint16_t a = 0, b = 0;
     bool matches(std::uint16_t port) const;
-    bool operator==(const PortSpec&) const = default;
+    bool operator==(const PortMatch&) const = default;
 };
 
-struct AddrSpec {
+struct AddrMatch {
     AddrType type = AddrType::Mask;
     IpAddr addr;          // family None means `any`
     int prefix = 0;       // bits of the mask
     std::string ifname;   // for `(if)`
     bool neg = false;
-    PortSpec port;
+    PortMatch port;
     bool isAny() const { return type == AddrType::Mask && addr.family == Family::None; }
-    bool sameAddress(const AddrSpec& o) const {
+    bool sameAddress(const AddrMatch& o) const {
         return type == o.type && addr == o.addr && prefix == o.prefix && ifname == o.ifname && neg == o.neg;
     }
 };
@@ -67,7 +67,7 @@ struct Rule {
     bool ifnot = false;
     Family af = Family::None;
     std::uint8_t proto = 0;
-    AddrSpec src, dst;
+    AddrMatch src, dst;
     std::uint8_t flags = 0, flagset = 0;
     bool flagsAny = false;      // `flags any` was written
     std::uint16_t icmpType = 0; // type + 1, 0 when absent (as pf stores it)
@@ -82,7 +82,7 @@ struct Rule {
     int minTtl = 0, maxMss = 0;
     // Translation (nat/rdr) target and `pass` flag.
     bool natPass = false;
-    std::optional<AddrSpec> redirect;
+    std::optional<AddrMatch> redirect;
     std::uint16_t redirectPort = 0;
 };
 
@@ -90,7 +90,7 @@ struct Rule {
 // overrides the anchor name (recursive listings show the last component).
 std::string printRule(const Rule& rule, std::optional<std::string_view> anchorCallShown = std::nullopt);
 
-std::string printAddress(const AddrSpec& spec);
+std::string printAddress(const AddrMatch& address);
 
 // Name tables shared by the parser, the printer and the probes.
 std::optional<std::uint8_t> protocolByName(std::string_view name);

@@ -23,19 +23,19 @@ struct ToolContext {
     std::function<void(double seconds)> wait;
 };
 
-struct ToolSpec {
+struct ToolEntry {
     std::string_view name;
     std::string_view installPath; // macOS path, e.g. /sbin/pfctl
     int (*run)(ToolContext&);
     bool (*mutating)(const std::vector<std::string>& args); // may be null
 };
 
-const std::vector<ToolSpec>& tools();
-const ToolSpec* findTool(std::string_view name);
+const std::vector<ToolEntry>& tools();
+const ToolEntry* findTool(std::string_view name);
 
 // Runs a tool as a process would: faults, the call record, the tool, then
 // its output on fds 1 and 2. Returns the exit status.
-int runTool(const ToolSpec& spec, const std::string& root, std::vector<std::string> args);
+int runTool(const ToolEntry& entry, const std::string& root, std::vector<std::string> args);
 
 // The fault answer for a call, if a rule matches; records the call either way.
 struct FaultAnswer {

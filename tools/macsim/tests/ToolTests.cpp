@@ -323,7 +323,7 @@ TEST(SystemConfiguration, InterfacesLeaveOutTunnelsAndLoopback) {
     EXPECT_EQ(mac.macsim({"sc", mac.root(), "refresh", "en0"}).status, 1);
 }
 
-// ------------------------------------------------------------ inspection --
+// ---------------------------------------------------------- reading state --
 
 TEST(Show, MainHoldsTheLoadedTextAndItsListing) {
     const Mac mac;
