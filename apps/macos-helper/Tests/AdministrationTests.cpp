@@ -83,7 +83,6 @@ protected:
 
     void install() const
     {
-        mac.macsim("run", {"pkgutil", "--pkg-info", "test.orven.app.helper"});
         writeFile(paths::launchdPlist, "<plist/>");
         writeFile(std::string(paths::appBundle) + "/Contents/MacOS/ORVEN Helper", "binary");
         writeFile(paths::rescueScript, "#!/bin/sh\n");
