@@ -101,9 +101,10 @@ protected:
         HelperService(context, uid).uninstallSelf(capture.reply());
         EXPECT_EQ(capture.count(), 1);
         // Past the proofs the bootout follows in every case, problems or not.
-        const auto& message = capture.get<1>();
-        if (capture.answered() && message != kAlreadyUnderWay && message != kStillEnforcing && message != kStandingAgain)
-            expectExit_ = true;
+        if (capture.answered()) {
+            const auto& message = capture.get<1>();
+            expectExit_ = message != kAlreadyUnderWay && message != kStillEnforcing && message != kStandingAgain;
+        }
         return capture;
     }
 
