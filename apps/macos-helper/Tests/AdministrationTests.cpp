@@ -103,7 +103,7 @@ protected:
         // Past the proofs the bootout follows in every case, problems or not.
         if (capture.answered()) {
             const auto& message = capture.get<1>();
-            expectExit_ = message != kAlreadyUnderWay && message != kStillEnforcing && message != kStandingAgain;
+            if (message != kAlreadyUnderWay && message != kStillEnforcing && message != kStandingAgain) expectExit_ = true;
         }
         return capture;
     }
