@@ -18,6 +18,20 @@ void giveBackEarlierReferences(DaemonContext& context)
         context.staticLog.notice("gave back a pf reference left over from a previous run");
 }
 
+// An engage that was cut short (the daemon killed before its marker was
+// written) leaves its rules in the anchor: dormant while pf is off, but in
+// force again the moment anything enables pf. No marker asks for them.
+void removeInterruptedBlackout(DaemonContext& context)
+{
+    if (HelperService::blackoutRuleState(context) == HardKillState::Rules::loaded) {
+        if (auto error = HelperService::pfctlFlushAnchor(context))
+            context.staticLog.error("a blackout left by an interrupted engage could not be removed: %{public}s", *error);
+        else
+            context.staticLog.notice("removed a blackout left by an interrupted engage — no reboot marker asked for it");
+    }
+    HelperService::withdrawHardKillOwnerUnlessCutStands(context);
+}
+
 } // namespace
 
 void HelperService::reapplyHardKillAtBoot(DaemonContext& context)
@@ -25,14 +39,18 @@ void HelperService::reapplyHardKillAtBoot(DaemonContext& context)
     const bool marker = hardKillFlagExists(context);
     const bool legacy = legacyTakeOverRecordExists(context);
     const bool referencesHeld = !allHeldTokens(context).empty();
-    if (!marker && !legacy && !referencesHeld) return;
+    // Every engage records its owner first: a record without a marker is
+    // the trace of one that did not finish.
+    const bool ownerLeft = files::exists(context.host.path(paths::hardKillOwner));
+    if (!marker && !legacy && !referencesHeld && !ownerLeft) return;
 
     const auto done = withPFLock(context, [&] {
         if (legacy) unwindLegacyTakeOverLocked(context);
         if (marker) {
             reapplyHardKillLocked(context);
-        } else if (referencesHeld) {
-            giveBackEarlierReferences(context);
+        } else {
+            if (referencesHeld) giveBackEarlierReferences(context);
+            removeInterruptedBlackout(context);
         }
     });
     if (!done) context.staticLog.error("Hard Kill re-apply skipped — pf lock unavailable");

@@ -355,7 +355,8 @@ TEST_F(EndToEnd, ADaemonKilledInTheMiddleOfAnEngageLosesNothingWhenItComesBack)
     ASSERT_TRUE(client.call(request("pingWithReply:")));
 
     const bool reapplied = mac.fileExists(paths::hardKillMarker) && blackoutRulesLoaded() && pfEnabled();
-    const bool noBlackout = !(blackoutRulesLoaded() && pfEnabled()) && !mac.fileExists(paths::hardKillMarker);
+    const bool noBlackout = !blackoutRulesLoaded() && !mac.fileExists(paths::hardKillMarker) &&
+                            !mac.fileExists(paths::hardKillOwner);
     EXPECT_TRUE(reapplied || noBlackout) << daemon->log();
     const auto recorded = recordedTokens();
     for (const auto& token : references())

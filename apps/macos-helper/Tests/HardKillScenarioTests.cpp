@@ -292,6 +292,24 @@ TEST_F(HardKill, ReapplyDropsAReferenceFromBeforeTheReboot)
     EXPECT_TRUE(daemon.log.contains("pf token(s) predate this boot — they name no reference and were removed"));
 }
 
+TEST_F(HardKill, AnEngageCutShortBeforeItsMarkerLeavesNothingAfterTheNextStart)
+{
+    // What a daemon killed during an engage's state flush leaves behind.
+    HelperService::recordHardKillOwner(context(), 501);
+    const auto token = HelperService::pfctlEnableWithToken(context()).token.value_or("");
+    ASSERT_FALSE(HelperService::persistTokenImmediately(context(), token));
+    ASSERT_FALSE(HelperService::pfctlLoadAnchor(context(), PFRuleBuilder::hardKillAnchorRuleset()));
+
+    HelperService::reapplyHardKillAtBoot(context());
+    EXPECT_EQ(anchorRules().find(std::string(kCatchAllRule)), std::string::npos);
+    EXPECT_TRUE(references().empty());
+    EXPECT_FALSE(daemon.mac.fileExists(paths::hardKillOwner));
+    EXPECT_FALSE(daemon.mac.fileExists(paths::primaryToken));
+    // Enabling pf later for anything else blocks nothing of ours.
+    ASSERT_TRUE(setIsolation(true).get<0>());
+    EXPECT_EQ(daemon.mac.tool(paths::ping, {"-c", "1", "-t", "1", "1.1.1.1"}).code, 0);
+}
+
 TEST_F(HardKill, ALegacyBlackoutIsUnwoundBeforeTheReapply)
 {
     loadMain(daemon.mac, "block drop quick all\n");
