@@ -134,12 +134,12 @@ std::string render(std::string_view format, const Arg* args, std::size_t count)
             ++i;
             continue;
         }
-        Spec spec;
+        Directive directive;
         // The format was checked at compile time; a failure here cannot happen,
         // but a malformed one renders verbatim rather than crash.
         bool parsed = false;
         try {
-            parsed = nextSpec(format, i, spec) && spec.begin == i;
+            parsed = nextDirective(format, i, directive) && directive.begin == i;
         } catch (const char*) {
             parsed = false;
         }
@@ -147,8 +147,8 @@ std::string render(std::string_view format, const Arg* args, std::size_t count)
             out.push_back('%');
             continue;
         }
-        appendArg(out, spec.conversion, args[index++]);
-        i = spec.begin + spec.length - 1;
+        appendArg(out, directive.conversion, args[index++]);
+        i = directive.begin + directive.length - 1;
     }
     return out;
 }

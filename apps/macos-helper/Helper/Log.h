@@ -75,7 +75,7 @@ consteval ArgKind kindOf()
 enum class Conversion { string, signedInt, unsignedInt, floating, boolean };
 
 // One conversion of a format string: where it starts, how long it is, what it takes.
-struct Spec {
+struct Directive {
     std::size_t begin = 0;
     std::size_t length = 0;
     Conversion conversion = Conversion::string;
@@ -84,7 +84,7 @@ struct Spec {
 // Parses the next conversion at or after `from`; returns false at the end.
 // Throws (so fails compilation when evaluated in a constant expression) on
 // a malformed or unsupported conversion.
-constexpr bool nextSpec(std::string_view format, std::size_t from, Spec& spec)
+constexpr bool nextDirective(std::string_view format, std::size_t from, Directive& directive)
 {
     for (std::size_t i = from; i < format.size(); ++i) {
         if (format[i] != '%') continue;
@@ -102,13 +102,13 @@ constexpr bool nextSpec(std::string_view format, std::size_t from, Spec& spec)
         }
         while (j < format.size() && format[j] == 'l') ++j;
         if (j >= format.size()) throw "log format ends inside a conversion";
-        spec.begin = i;
-        spec.length = j + 1 - i;
+        directive.begin = i;
+        directive.length = j + 1 - i;
         switch (format[j]) {
-        case 's': spec.conversion = Conversion::string; break;
-        case 'd': spec.conversion = isBool ? Conversion::boolean : Conversion::signedInt; break;
-        case 'u': spec.conversion = Conversion::unsignedInt; break;
-        case 'f': spec.conversion = Conversion::floating; break;
+        case 's': directive.conversion = Conversion::string; break;
+        case 'd': directive.conversion = isBool ? Conversion::boolean : Conversion::signedInt; break;
+        case 'u': directive.conversion = Conversion::unsignedInt; break;
+        case 'f': directive.conversion = Conversion::floating; break;
         default: throw "unsupported conversion in log format";
         }
         if (isBool && format[j] != 'd') throw "{bool} applies to %d only";
@@ -132,13 +132,13 @@ constexpr bool accepts(Conversion conversion, ArgKind kind)
 template <std::size_t N>
 constexpr void check(std::string_view format, const std::array<ArgKind, N>& kinds)
 {
-    Spec spec;
+    Directive directive;
     std::size_t from = 0;
     std::size_t index = 0;
-    while (nextSpec(format, from, spec)) {
+    while (nextDirective(format, from, directive)) {
         if (index >= N) throw "log format has more conversions than arguments";
-        if (!accepts(spec.conversion, kinds[index])) throw "log argument does not match its conversion";
-        from = spec.begin + spec.length;
+        if (!accepts(directive.conversion, kinds[index])) throw "log argument does not match its conversion";
+        from = directive.begin + directive.length;
         ++index;
     }
     if (index != N) throw "log format has fewer conversions than arguments";
