@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ForwardingHost.h"
 #include "HelperService.h"
 #include "Linux/SimulatedMacHost.h"
 
@@ -25,45 +26,41 @@ public:
 };
 
 // Times every tool run of the daemon.
-class TimedHost final : public Host {
+class TimedHost final : public ForwardingHost {
 public:
     struct Run {
         std::string path;
         Clock::time_point start, end;
     };
-    explicit TimedHost(SimulatedMacHost& inner) : inner_(inner) {}
+    using ForwardingHost::ForwardingHost;
 
-    std::string path(std::string_view macPath) const override { return inner_.path(macPath); }
     BoundedProcess::Result run(std::string_view macPath, const std::vector<std::string>& arguments,
                                const std::optional<std::string>& standardInput, double timeout,
                                double killGrace) override
     {
         const auto start = Clock::now();
-        auto result = inner_.run(macPath, arguments, standardInput, timeout, killGrace);
+        auto result = ForwardingHost::run(macPath, arguments, standardInput, timeout, killGrace);
         record(std::string(macPath), start);
         return result;
     }
-    std::optional<WallClock::time_point> bootTime() const override { return inner_.bootTime(); }
-    LogSink& logSink() override { return inner_.logSink(); }
-    void exitProcess(int status) override { inner_.exitProcess(status); }
     StoreCopy copyDynamicStore(std::string_view session, std::string_view pattern) override
     {
         const auto start = Clock::now();
-        auto copy = inner_.copyDynamicStore(session, pattern);
+        auto copy = ForwardingHost::copyDynamicStore(session, pattern);
         record("configd", start);
         return copy;
     }
     std::optional<std::vector<std::string>> networkInterfaceNames() override
     {
         const auto start = Clock::now();
-        auto names = inner_.networkInterfaceNames();
+        auto names = ForwardingHost::networkInterfaceNames();
         record("configd", start);
         return names;
     }
     bool forceConfigurationRefresh(std::string_view bsdName) override
     {
         const auto start = Clock::now();
-        const bool accepted = inner_.forceConfigurationRefresh(bsdName);
+        const bool accepted = ForwardingHost::forceConfigurationRefresh(bsdName);
         record("configd", start);
         return accepted;
     }
@@ -81,7 +78,6 @@ private:
         runs_.push_back({std::move(path), start, Clock::now()});
     }
 
-    SimulatedMacHost& inner_;
     std::mutex mutex_;
     std::vector<Run> runs_;
 };

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <thread>
 
+#include "ForwardingHost.h"
 #include "HelperService.h"
 #include "Support/SimulatedMac.h"
 
@@ -40,10 +41,9 @@ const std::vector<std::string_view> kInstalledPaths = {
 
 // Passes every call to the simulated Mac, except that the listing of the
 // blackout anchor stops answering after its first `answered` calls.
-class FlakyAnchorHost final : public Host {
+class FlakyAnchorHost final : public ForwardingHost {
 public:
-    FlakyAnchorHost(SimulatedMacHost& inner, int answered) : inner_(inner), answersLeft_(answered) {}
-    std::string path(std::string_view macPath) const override { return inner_.path(macPath); }
+    FlakyAnchorHost(Host& inner, int answered) : ForwardingHost(inner), answersLeft_(answered) {}
     BoundedProcess::Result run(std::string_view macPath, const std::vector<std::string>& arguments,
                                const std::optional<std::string>& standardInput, double timeout,
                                double killGrace) override
@@ -51,20 +51,10 @@ public:
         const std::vector<std::string> listing{"-a", "com.apple/999.test.orven.app", "-sr"};
         if (macPath == paths::pfctl && arguments == listing && answersLeft_-- <= 0)
             return {1, "", "pfctl: DIOCGETRULES: Device busy\n"};
-        return inner_.run(macPath, arguments, standardInput, timeout, killGrace);
+        return ForwardingHost::run(macPath, arguments, standardInput, timeout, killGrace);
     }
-    std::optional<WallClock::time_point> bootTime() const override { return inner_.bootTime(); }
-    LogSink& logSink() override { return inner_.logSink(); }
-    void exitProcess(int status) override { inner_.exitProcess(status); }
-    StoreCopy copyDynamicStore(std::string_view session, std::string_view pattern) override
-    {
-        return inner_.copyDynamicStore(session, pattern);
-    }
-    std::optional<std::vector<std::string>> networkInterfaceNames() override { return inner_.networkInterfaceNames(); }
-    bool forceConfigurationRefresh(std::string_view bsdName) override { return inner_.forceConfigurationRefresh(bsdName); }
 
 private:
-    SimulatedMacHost& inner_;
     int answersLeft_;
 };
 

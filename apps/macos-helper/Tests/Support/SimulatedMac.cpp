@@ -148,7 +148,7 @@ BoundedProcess::Result ObservedHost::run(std::string_view macPath, const std::ve
         const std::lock_guard guard(mutex_);
         runs_.push_back({std::string(macPath), arguments, held});
     }
-    return inner_.run(macPath, arguments, standardInput, timeout, killGrace);
+    return ForwardingHost::run(macPath, arguments, standardInput, timeout, killGrace);
 }
 
 bool ObservedHost::forceConfigurationRefresh(std::string_view bsdName)
@@ -158,7 +158,7 @@ bool ObservedHost::forceConfigurationRefresh(std::string_view bsdName)
         const std::lock_guard guard(mutex_);
         runs_.push_back({"configd", {"refresh", std::string(bsdName)}, held});
     }
-    return inner_.forceConfigurationRefresh(bsdName);
+    return ForwardingHost::forceConfigurationRefresh(bsdName);
 }
 
 std::vector<ObservedHost::Run> ObservedHost::runs() const

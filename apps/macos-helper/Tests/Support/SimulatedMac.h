@@ -13,6 +13,7 @@
 
 #include "BoundedProcess.h"
 #include "DaemonContext.h"
+#include "ForwardingHost.h"
 #include "HelperService.h"
 #include "Linux/SimulatedMacHost.h"
 #include "Log.h"
@@ -71,36 +72,26 @@ private:
 
 // Delegates to the simulated Mac's host and records every tool run with
 // whether the pf lock was held at that moment.
-class ObservedHost final : public Host {
+class ObservedHost final : public ForwardingHost {
 public:
     struct Run {
         std::string path;
         std::vector<std::string> arguments;
         bool pfLockHeld;
     };
-    explicit ObservedHost(SimulatedMacHost& inner) : inner_(inner) {}
+    using ForwardingHost::ForwardingHost;
     void watch(std::timed_mutex& pfLock) { pfLock_ = &pfLock; }
     std::vector<Run> runs() const;
     void clearRuns();
 
-    std::string path(std::string_view macPath) const override { return inner_.path(macPath); }
     BoundedProcess::Result run(std::string_view macPath, const std::vector<std::string>& arguments,
                                const std::optional<std::string>& standardInput, double timeout,
                                double killGrace) override;
-    std::optional<WallClock::time_point> bootTime() const override { return inner_.bootTime(); }
-    LogSink& logSink() override { return inner_.logSink(); }
-    void exitProcess(int status) override { inner_.exitProcess(status); }
-    StoreCopy copyDynamicStore(std::string_view session, std::string_view pattern) override
-    {
-        return inner_.copyDynamicStore(session, pattern);
-    }
-    std::optional<std::vector<std::string>> networkInterfaceNames() override { return inner_.networkInterfaceNames(); }
     bool forceConfigurationRefresh(std::string_view bsdName) override;
 
 private:
     bool lockHeld() const;
 
-    SimulatedMacHost& inner_;
     std::timed_mutex* pfLock_ = nullptr;
     mutable std::mutex mutex_;
     std::vector<Run> runs_;
