@@ -620,34 +620,23 @@ private:
     }
 
     void hostItem(std::vector<HostItem>& out) {
-        bool neg = acceptSym("!");
-        if (acceptWord("any")) {
+        const bool neg = acceptSym("!");
+        const auto push = [&](AddrType type, std::string ifname = {}) {
             HostItem h;
+            h.host.type = type;
+            h.host.ifname = std::move(ifname);
             h.host.neg = neg;
             out.push_back(h);
-            return;
-        }
-        if (acceptWord("no-route")) {
-            HostItem h;
-            h.host.type = AddrType::NoRoute;
-            h.host.neg = neg;
-            out.push_back(h);
-            return;
-        }
-        if (acceptWord("urpf-failed")) {
-            HostItem h;
-            h.host.type = AddrType::UrpfFailed;
-            h.host.neg = neg;
-            out.push_back(h);
-            return;
-        }
+        };
+        if (acceptWord("any"))
+            return push(AddrType::Mask); // "any" is the zero address with an empty mask
+        if (acceptWord("no-route"))
+            return push(AddrType::NoRoute);
+        if (acceptWord("urpf-failed"))
+            return push(AddrType::UrpfFailed);
         if (acceptSym("(")) {
-            HostItem h;
-            h.host.type = AddrType::DynIf;
-            h.host.ifname = expectString();
-            h.host.neg = neg;
+            push(AddrType::DynIf, expectString());
             expectSym(")");
-            out.push_back(h);
             return;
         }
         if (peekSym("<"))
