@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 
 #include <unistd.h>
 
@@ -44,6 +45,28 @@ std::optional<double> parseDouble(const std::string& text) {
     if (*end != '\0' || !std::isfinite(v))
         return std::nullopt;
     return v;
+}
+
+// A whole-number option within [min, max]; absent when the text is not one.
+std::optional<long> longIn(const std::string& text, long min, long max = std::numeric_limits<long>::max()) {
+    const auto v = parseLong(text);
+    if (!v || *v < min || *v > max)
+        return std::nullopt;
+    return v;
+}
+
+// A positive number option (intervals).
+std::optional<double> positive(const std::string& text) {
+    const auto v = parseDouble(text);
+    if (!v || *v <= 0)
+        return std::nullopt;
+    return v;
+}
+
+// Appends the tool's complaint and gives its exit status.
+int refuse(ToolContext& c, const std::string& message, int status) {
+    c.err += message;
+    return status;
 }
 
 struct RttStats {
@@ -156,47 +179,37 @@ int pingMain(ToolContext& c) {
     for (const auto& o : g.options) {
         switch (o.name) {
         case 'c': {
-            auto v = parseLong(o.value);
-            if (!v || *v <= 0) {
-                c.err += "ping: invalid count of packets to transmit: `" + o.value + "'\n";
-                return 64;
-            }
+            const auto v = longIn(o.value, 1);
+            if (!v)
+                return refuse(c, "ping: invalid count of packets to transmit: `" + o.value + "'\n", 64);
             count = *v;
             break;
         }
         case 't': {
-            auto v = parseLong(o.value);
-            if (!v || *v < 1 || *v > 3600) {
-                c.err += "ping: invalid timeout: `" + o.value + "'\n";
-                return 64;
-            }
+            const auto v = longIn(o.value, 1, 3600);
+            if (!v)
+                return refuse(c, "ping: invalid timeout: `" + o.value + "'\n", 64);
             timeout = *v;
             break;
         }
         case 'W': {
-            auto v = parseLong(o.value);
-            if (!v || *v < 0) {
-                c.err += "ping: invalid timing interval: `" + o.value + "'\n";
-                return 64;
-            }
+            const auto v = longIn(o.value, 0);
+            if (!v)
+                return refuse(c, "ping: invalid timing interval: `" + o.value + "'\n", 64);
             waitMs = *v;
             break;
         }
         case 'i': {
-            auto v = parseDouble(o.value);
-            if (!v || *v <= 0) {
-                c.err += "ping: invalid timing interval: `" + o.value + "'\n";
-                return 64;
-            }
+            const auto v = positive(o.value);
+            if (!v)
+                return refuse(c, "ping: invalid timing interval: `" + o.value + "'\n", 64);
             interval = *v;
             break;
         }
         case 's': {
-            auto v = parseLong(o.value);
-            if (!v || *v < 0) {
-                c.err += "ping: invalid packet size: `" + o.value + "'\n";
-                return 64;
-            }
+            const auto v = longIn(o.value, 0);
+            if (!v)
+                return refuse(c, "ping: invalid packet size: `" + o.value + "'\n", 64);
             if (*v > 65507) {
                 c.err += format("ping: packet size too large: %ld > %d\n", *v, 65507);
                 return 64;
@@ -316,29 +329,23 @@ int ping6Main(ToolContext& c) {
     for (const auto& o : g.options) {
         switch (o.name) {
         case 'c': {
-            auto v = parseLong(o.value);
-            if (!v || *v <= 0) {
-                c.err += "ping6: illegal number of packets -- " + o.value + "\n";
-                return 1;
-            }
+            const auto v = longIn(o.value, 1);
+            if (!v)
+                return refuse(c, "ping6: illegal number of packets -- " + o.value + "\n", 1);
             count = *v;
             break;
         }
         case 'i': {
-            auto v = parseDouble(o.value);
-            if (!v || *v <= 0) {
-                c.err += "ping6: illegal timing interval -- " + o.value + "\n";
-                return 1;
-            }
+            const auto v = positive(o.value);
+            if (!v)
+                return refuse(c, "ping6: illegal timing interval -- " + o.value + "\n", 1);
             interval = *v;
             break;
         }
         case 's': {
-            auto v = parseLong(o.value);
-            if (!v || *v <= 0 || *v > 131024) {
-                c.err += "ping6: illegal datalen value -- " + o.value + "\n";
-                return 1;
-            }
+            const auto v = longIn(o.value, 1, 131024);
+            if (!v)
+                return refuse(c, "ping6: illegal datalen value -- " + o.value + "\n", 1);
             payload = *v;
             break;
         }
@@ -455,19 +462,15 @@ int ncMain(ToolContext& c) {
         case '6': want = Family::Inet6; break;
         case 'b': bound = o.value; break;
         case 'G': {
-            auto v = parseLong(o.value);
-            if (!v || *v <= 0) {
-                c.err += "nc: invalid tcp connection timeout\n";
-                return 1;
-            }
+            const auto v = longIn(o.value, 1);
+            if (!v)
+                return refuse(c, "nc: invalid tcp connection timeout\n", 1);
             break;
         }
         case 'w': {
-            auto v = parseLong(o.value);
-            if (!v) {
-                c.err += "nc: timeout cannot be negative\n";
-                return 1;
-            }
+            const auto v = parseLong(o.value);
+            if (!v)
+                return refuse(c, "nc: timeout cannot be negative\n", 1);
             break;
         }
         default: break;
