@@ -388,6 +388,20 @@ TEST_F(Administration, SelfTerminateRepliesThenExits)
     EXPECT_EQ(waitForExit(), std::vector<int>{0});
 }
 
+// Another client's pf work holds the lock: the exit waits for it, and only a
+// wedged one (past the lock's budget) is left behind.
+TEST_F(Administration, SelfTerminateWaitsForPfWorkInFlight)
+{
+    context.pfLockBudgetSeconds = 0.5;
+    std::unique_lock inFlight(context.pfLock);
+    ReplyCapture<bool> capture;
+    HelperService(context, 501).selfTerminate(capture.reply());
+    ASSERT_EQ(capture.count(), 1);
+    EXPECT_EQ(waitForExit(), std::vector<int>{0});
+    EXPECT_TRUE(log.contains("pf lock unavailable after 0.500000s — another pf operation is wedged"));
+    EXPECT_TRUE(log.contains("selfTerminate: pf work did not finish within the lock's budget — exiting anyway"));
+}
+
 TEST_F(Administration, SpawnDetachedReportsAProgramThatCannotStart)
 {
     const Logger service(log, "Service");
