@@ -1,6 +1,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace orven::text {
 
@@ -277,6 +278,35 @@ std::optional<std::uint64_t> parseUnsigned(std::string_view digits, std::uint64_
         value = value * 10 + digit;
     }
     return value;
+}
+
+std::string escapeControlCharacters(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    char hex[16];
+    for (std::size_t i = 0; i < text.size();) {
+        char32_t scalar = 0;
+        const std::size_t length = readScalar(text, i, scalar);
+        if (length == 0) {
+            std::snprintf(hex, sizeof hex, "\\x{%02x}", static_cast<unsigned>(static_cast<unsigned char>(text[i])));
+            out.append(hex);
+            ++i;
+            continue;
+        }
+        if (scalar == '\\') out.append("\\\\");
+        else if (scalar == '\n') out.append("\\n");
+        else if (scalar == '\r') out.append("\\r");
+        else if (scalar == '\t') out.append("\\t");
+        else if (isControl(scalar) || isNewline(scalar)) {
+            std::snprintf(hex, sizeof hex, "\\u{%x}", static_cast<unsigned>(scalar));
+            out.append(hex);
+        } else {
+            out.append(text.substr(i, length));
+        }
+        i += length;
+    }
+    return out;
 }
 
 } // namespace orven::text

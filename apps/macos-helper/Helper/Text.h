@@ -47,4 +47,9 @@ std::size_t scalarCount(std::string_view text);
 // Decimal parsers that accept exactly the digits given (no sign unless said).
 std::optional<std::uint64_t> parseUnsigned(std::string_view digits, std::uint64_t max);
 
+// Text safe to put on one log line: control characters (Cc, Cf), newline
+// characters and backslash are written as escapes (\n, \r, \t, \\, \u{85}),
+// bytes that are not UTF-8 as \x{ff}; everything else is kept as it is.
+std::string escapeControlCharacters(std::string_view text);
+
 } // namespace orven::text
