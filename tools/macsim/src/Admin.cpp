@@ -1,3 +1,4 @@
+#include <csignal>
 // `macsim <command> ROOT ...`: making, rebooting, shaping and reading a
 // simulated Mac, for tests and for people.
 
@@ -753,6 +754,8 @@ int sc(const std::string& root, const std::vector<std::string>& args) {
     if (args[0] == "refresh" && args.size() == 2) {
         auto fault = consultFaults(s, "configd", {"refresh", args[1]}, false);
         s.save();
+        if (fault && fault->killCaller)
+            ::kill(::getppid(), SIGKILL);
         if (fault && fault->exitStatus)
             return *fault->exitStatus;
         const auto names = net.configurableInterfaces();
