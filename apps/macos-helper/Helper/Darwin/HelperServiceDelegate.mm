@@ -18,20 +18,20 @@ namespace md = orven::MethodDispatch;
 
 md::WireValue wireString(NSString* _Nullable text)
 {
-    if (![text isKindOfClass:NSString.class]) return md::Nil{};
+    if (![text isKindOfClass:NSString.class]) return md::NilValue{};
     NSData* bytes = [text dataUsingEncoding:NSUTF8StringEncoding];
-    if (!bytes) return md::Nil{};  // lone surrogates: not a string we can pass on
+    if (!bytes) return md::NilValue{};  // lone surrogates: not a string we can pass on
     return std::string(static_cast<const char*>(bytes.bytes), bytes.length);
 }
 
 md::WireValue wireStrings(NSArray* _Nullable items)
 {
-    if (![items isKindOfClass:NSArray.class]) return md::Nil{};
+    if (![items isKindOfClass:NSArray.class]) return md::NilValue{};
     std::vector<std::string> out;
     out.reserve(items.count);
     for (id item in items) {
         auto text = wireString(item);
-        if (!std::holds_alternative<std::string>(text)) return md::Nil{};
+        if (!std::holds_alternative<std::string>(text)) return md::NilValue{};
         out.push_back(std::move(std::get<std::string>(text)));
     }
     return out;
@@ -39,14 +39,14 @@ md::WireValue wireStrings(NSArray* _Nullable items)
 
 md::WireValue wireData(NSData* _Nullable data)
 {
-    if (![data isKindOfClass:NSData.class]) return md::Nil{};
+    if (![data isKindOfClass:NSData.class]) return md::NilValue{};
     const auto* bytes = static_cast<const std::uint8_t*>(data.bytes);
     return md::Bytes(bytes, bytes + data.length);
 }
 
 md::WireValue wireNumber(NSNumber* _Nullable number)
 {
-    if (!number) return md::Nil{};
+    if (!number) return md::NilValue{};
     if (![number isKindOfClass:NSNumber.class]) return std::string();  // refused: not an NSNumber
     if (CFGetTypeID((__bridge CFTypeRef)number) == CFBooleanGetTypeID()) return static_cast<bool>(number.boolValue);
     if (CFNumberIsFloatType((__bridge CFNumberRef)number)) return number.doubleValue;
