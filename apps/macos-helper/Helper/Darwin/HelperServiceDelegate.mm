@@ -81,8 +81,9 @@ NSString* _Nullable stringAt(const md::WireValues& values, std::size_t i)
     const auto* value = i < values.size() ? std::get_if<std::string>(&values[i]) : nullptr;
     if (!value) return nil;
     NSString* text = [[NSString alloc] initWithBytes:value->data() length:value->size() encoding:NSUTF8StringEncoding];
+    if (text) return text;
     // Tool output that is not UTF-8 still answers, lossily.
-    return text ?: [[NSString alloc] initWithBytes:value->data() length:value->size() encoding:NSISOLatin1StringEncoding];
+    return [[NSString alloc] initWithBytes:value->data() length:value->size() encoding:NSISOLatin1StringEncoding];
 }
 
 NSData* _Nullable dataAt(const md::WireValues& values, std::size_t i)
@@ -117,7 +118,13 @@ NSData* _Nullable dataAt(const md::WireValues& values, std::size_t i)
          answer:(void (^)(const md::WireValues& values))answer
 {
     const orven::MethodSpec* method = orven::findMethod(NSStringFromSelector(selector).UTF8String);
-    if (!method) return;  // unreachable: the protocol and the table list the same selectors
+    if (!method) {
+        // The protocol and the table list the same selectors, so this should
+        // not happen; if it does, the caller still gets its one answer, the
+        // refusal of every shape: NO, -1 and nil in each place.
+        answer(md::WireValues{});
+        return;
+    }
     OrvenHelperExportedService* keepAlive = self;
     md::dispatch(*_service, *method, std::move(arguments),
                  [keepAlive, answer](md::WireValues values, const std::optional<std::string>&) {
@@ -128,7 +135,12 @@ NSData* _Nullable dataAt(const md::WireValues& values, std::size_t i)
 
 - (void)pingWithReply:(void (^)(NSString*))reply
 {
-    [self forward:_cmd arguments:md::WireValues{} answer:^(const md::WireValues& v) { reply(stringAt(v, 0) ?: @""); }];
+    [self forward:_cmd
+        arguments:md::WireValues{}
+           answer:^(const md::WireValues& v) {
+               NSString* version = stringAt(v, 0);
+               reply(version ? version : @"");
+           }];
 }
 
 - (void)setLANIsolationWithEnabled:(BOOL)enabled
