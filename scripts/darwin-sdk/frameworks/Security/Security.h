@@ -1,0 +1,8 @@
+// The Security framework umbrella: the parts declared here.
+// https://developer.apple.com/documentation/security
+
+#pragma once
+
+#include <Security/SecBase.h>
+#include <Security/CSCommon.h>
+#include <Security/SecRequirement.h>
