@@ -11,6 +11,20 @@ CF_EXTERN_C_BEGIN
 CF_IMPLICIT_BRIDGING_ENABLED
 CF_ASSUME_NONNULL_BEGIN
 
+// https://developer.apple.com/documentation/security/seccertificate
+// https://developer.apple.com/documentation/security/secidentity
+// https://developer.apple.com/documentation/security/seckey
+// https://developer.apple.com/documentation/security/secpolicy
+// https://developer.apple.com/documentation/security/secaccess
+// https://developer.apple.com/documentation/security/seckeychain
+typedef struct CF_BRIDGED_TYPE(id) __SecCertificate *SecCertificateRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecIdentity *SecIdentityRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecKey *SecKeyRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecPolicy *SecPolicyRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecAccess *SecAccessRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecKeychain *SecKeychainRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecTrustedApplication *SecTrustedApplicationRef;
+
 enum {
     errSecSuccess = 0,
     errSecUnimplemented = -4,

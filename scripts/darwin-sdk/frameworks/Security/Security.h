@@ -5,4 +5,8 @@
 
 #include <Security/SecBase.h>
 #include <Security/CSCommon.h>
+#include <Security/SecCertificate.h>
+#include <Security/SecImportExport.h>
+#include <Security/SecItem.h>
 #include <Security/SecRequirement.h>
+#include <Security/SecTrustSettings.h>

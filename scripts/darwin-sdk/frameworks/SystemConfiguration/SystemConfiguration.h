@@ -7,3 +7,5 @@
 #include <SystemConfiguration/SCDynamicStore.h>
 #include <SystemConfiguration/SCError.h>
 #include <SystemConfiguration/SCNetworkConfiguration.h>
+#include <SystemConfiguration/SCPreferences.h>
+#include <SystemConfiguration/SCSchemaDefinitions.h>
