@@ -2,8 +2,8 @@
 
 #include <string>
 
-#import <Foundation/Foundation.h>
-#import <Security/Security.h>
+#include <CoreFoundation/CoreFoundation.h>
+#include <Security/Security.h>
 
 namespace orven {
 
