@@ -79,6 +79,13 @@ public:
     void uninstallSelf(ActionReply reply);
     void selfTerminate(Reply<bool> reply);
 
+    // --- Powerline probe -----------------------------------------------------
+
+    // The first listening period the app's probe gets.
+    static constexpr int powerlineListenMillis = 1000;
+    using DataReply = Reply<std::optional<std::vector<std::uint8_t>>, OptionalText>;
+    void readPowerlineTopology(const std::string& interfaceName, DataReply reply);
+
     // --- Shared validators (pure) -------------------------------------------
 
     static bool isValidBSDName(std::string_view name);
