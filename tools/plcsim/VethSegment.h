@@ -28,9 +28,11 @@ public:
     explicit VethSegment(const std::string& hostMAC = "02:00:5e:10:00:01")
     {
         static std::atomic<int> counter{0};
-        const auto tag = std::to_string(::getpid() % 100000) + "n" + std::to_string(counter++);
+        // Unique among running processes; at most 3 + 7 + 1 + 3 characters,
+        // within the 15 an interface name may have.
+        const auto tag = std::to_string(::getpid()) + "n" + std::to_string(counter++ % 1000);
         namespace_ = "orvenplc" + tag;
-        hostInterface_ = "plh" + tag;  // at most 3 + 5 + 1 + 3 characters
+        hostInterface_ = "plh" + tag;
         farInterface_ = "plf" + tag;
         if (::geteuid() != 0) {
             unavailable_ = "network namespaces need root";

@@ -425,5 +425,24 @@ TEST_F(ScriptedProbe, TheMethodAnswersWithTheReadingsJSONOrTheFailure)
     EXPECT_TRUE(sink.contains("readPowerlineTopology(en7) failed: no link-layer address for en7"));
 }
 
+TEST_F(ScriptedProbe, AFullPoolIsARefusalAnsweredAtOnce)
+{
+    DaemonContext context(link);
+    HelperService service(context, 501);
+    // Occupy every worker and every queue place.
+    std::promise<void> release;
+    const auto released = release.get_future().share();
+    int accepted = 0;
+    while (context.backgroundWork.submit([released] { released.wait(); })) ++accepted;
+    ASSERT_GT(accepted, 0);
+
+    const auto refused = ask(service, "en7");
+    release.set_value();
+    EXPECT_FALSE(refused.data);
+    EXPECT_EQ(refused.error,
+              "The powerline probe was not started: too many requests are waiting. Try again shortly.");
+    EXPECT_EQ(link.reads, 0);
+}
+
 } // namespace
 } // namespace orven

@@ -59,7 +59,7 @@ const json kCrowd = json::parse(R"({"adapters": [
    "discover": [{"mac": "00:b0:52:00:00:d4", "tei": 4}],
    "faults": {"truncated": ["discover"], "foreign": ["swver"], "wrongPort": ["mfg"], "late": ["enet"]}},
   {"mac": "00:b0:52:00:00:d4", "firmware": "v4", "faults": {"silent": ["all"]}},
-  {"mac": "00:b0:52:00:00:e5", "faults": {"late": ["discover"], "lateMillis": 1100}}
+  {"mac": "00:b0:52:00:00:e5", "faults": {"late": ["discover"], "lateMillis": 1300}}
 ]})");
 
 // What the crowd's reading must be, byte for byte ("IF" stands for the
