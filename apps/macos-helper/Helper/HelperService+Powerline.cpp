@@ -8,7 +8,7 @@
 
 namespace orven {
 
-void HelperService::readPowerlineTopology(const std::string& interfaceName, DataReply reply)
+void HelperService::readPowerlineTopology(const std::string& interfaceName, PowerlineReply reply)
 {
     if (!isValidBSDName(interfaceName)) {
         reply(std::nullopt, "Invalid interface name.");
@@ -16,7 +16,7 @@ void HelperService::readPowerlineTopology(const std::string& interfaceName, Data
     }
     // The job owns the reply; a refused job hands it back untouched, so
     // exactly one of the two paths answers.
-    auto shared = std::make_shared<DataReply>(std::move(reply));
+    auto shared = std::make_shared<PowerlineReply>(std::move(reply));
     DaemonContext& context = context_;
     const Logger log = log_;
     const bool accepted = context.backgroundWork.submit([&context, log, interfaceName, shared] {

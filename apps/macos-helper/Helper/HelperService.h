@@ -83,8 +83,8 @@ public:
 
     // The first listening period the app's probe gets.
     static constexpr int powerlineListenMillis = 1000;
-    using DataReply = Reply<std::optional<std::vector<std::uint8_t>>, OptionalText>;
-    void readPowerlineTopology(const std::string& interfaceName, DataReply reply);
+    using PowerlineReply = Reply<std::optional<std::vector<std::uint8_t>>, OptionalText>;
+    void readPowerlineTopology(const std::string& interfaceName, PowerlineReply reply);
 
     // --- Shared validators (pure) -------------------------------------------
 

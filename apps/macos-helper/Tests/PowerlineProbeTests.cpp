@@ -390,7 +390,7 @@ DataAnswer ask(HelperService& service, const std::string& name)
 {
     auto answer = std::make_shared<std::promise<DataAnswer>>();
     auto count = std::make_shared<std::atomic<int>>(0);
-    service.readPowerlineTopology(name, HelperService::DataReply([answer, count](auto data, auto error) {
+    service.readPowerlineTopology(name, HelperService::PowerlineReply([answer, count](auto data, auto error) {
         if (count->fetch_add(1) == 0) answer->set_value({std::move(data), std::move(error)});
     }));
     auto result = answer->get_future().get();
