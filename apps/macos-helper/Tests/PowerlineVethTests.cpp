@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <regex>
 #include <thread>
 
@@ -172,6 +173,11 @@ TEST(PowerlineOnVeth, TheDaemonAnswersThroughOrvenctl)
         ::_exit(127);
     }
     ASSERT_GT(daemon, 0);
+    // Stopped however the test ends.
+    const std::unique_ptr<const pid_t, void (*)(const pid_t*)> stopDaemon(&daemon, [](const pid_t* pid) {
+        ::kill(*pid, SIGTERM);
+        ::waitpid(*pid, nullptr, 0);
+    });
     const auto call = [&](const std::string& name) {
         return BoundedProcess::run(ORVEN_ORVENCTL_PATH,
                                    {"--socket", socket, "readPowerlineTopologyWithInterfaceName:reply:", name},
@@ -187,8 +193,6 @@ TEST(PowerlineOnVeth, TheDaemonAnswersThroughOrvenctl)
     EXPECT_EQ(json::parse(answer.out).at("reply"), json::parse(R"([null, "no link-layer address for nosuch0"])"));
 
     answer = call(segment.hostInterface());
-    ::kill(daemon, SIGTERM);
-    ::waitpid(daemon, nullptr, 0);
     ASSERT_EQ(answer.code, 0) << answer.out << answer.err;
     const auto line = json::parse(answer.out);
     const auto bytes = MethodDispatch::base64Decode(line.at("reply").at(0).get<std::string>());
