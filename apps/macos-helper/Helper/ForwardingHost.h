@@ -30,6 +30,11 @@ public:
     {
         return inner_.forceConfigurationRefresh(bsdName);
     }
+    LinkChannelOpening openLinkChannel(std::string_view interface) override { return inner_.openLinkChannel(interface); }
+    std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) override
+    {
+        return inner_.linkAddress(interface);
+    }
 
 private:
     Host& inner_;

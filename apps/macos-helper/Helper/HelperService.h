@@ -81,6 +81,13 @@ public:
     void uninstallSelf(ActionReply reply);
     void selfTerminate(Reply<bool> reply);
 
+    // --- Powerline probe -----------------------------------------------------
+
+    // The first listening period the app's probe gets.
+    static constexpr int powerlineListenMillis = 1000;
+    using PowerlineReply = Reply<std::optional<std::vector<std::uint8_t>>, OptionalText>;
+    void readPowerlineTopology(const std::string& interfaceName, PowerlineReply reply);
+
     // --- Shared validators (pure) -------------------------------------------
 
     static bool isValidBSDName(std::string_view name);

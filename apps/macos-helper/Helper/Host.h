@@ -3,12 +3,15 @@
 // contact with the system goes through here; HelperService code never asks
 // which platform it is on.
 
+#include <array>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -64,6 +67,34 @@ public:
 
     // SCNetworkInterfaceForceConfigurationRefresh for the interface of that name.
     virtual bool forceConfigurationRefresh(std::string_view bsdName) = 0;
+
+    // --- Link layer (HomePlug AV frames) -------------------------------------
+
+    // A raw link-layer channel bound to one interface that passes only
+    // frames of EtherType 0x88E1, delivers each as it arrives, lets a read
+    // wait at most 100 ms and sends frames with the source address they carry.
+    class LinkChannel {
+    public:
+        // The result of one system call: `count` bytes, or -1 and `error`.
+        struct Transfer {
+            long count = 0;
+            int error = 0;
+        };
+        virtual ~LinkChannel() = default;
+        // One write call with the whole frame.
+        virtual Transfer write(std::span<const std::uint8_t> frame) = 0;
+        // One read into the channel's buffer, waiting at most `wait` (and
+        // never beyond the 100 ms read time-out); 0 bytes when nothing came.
+        // The frames received are appended to `frames`.
+        virtual Transfer read(std::vector<std::vector<std::uint8_t>>& frames, std::chrono::milliseconds wait) = 0;
+    };
+    struct LinkChannelOpening {
+        std::unique_ptr<LinkChannel> channel;
+        std::string error;  // finished text when there is no channel
+    };
+    virtual LinkChannelOpening openLinkChannel(std::string_view interface) = 0;
+    // The interface's own 6-byte hardware address, if it has one.
+    virtual std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) = 0;
 };
 
 } // namespace orven

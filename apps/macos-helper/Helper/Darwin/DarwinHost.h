@@ -39,6 +39,8 @@ public:
     StoreCopy copyDynamicStore(std::string_view sessionName, std::string_view pattern) override;
     std::optional<std::vector<std::string>> networkInterfaceNames() override;
     bool forceConfigurationRefresh(std::string_view bsdName) override;
+    LinkChannelOpening openLinkChannel(std::string_view interface) override;
+    std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) override;
 
 private:
     OSLogSink sink_;

@@ -27,6 +27,9 @@ public:
     StoreCopy copyDynamicStore(std::string_view sessionName, std::string_view pattern) override;
     std::optional<std::vector<std::string>> networkInterfaceNames() override;
     bool forceConfigurationRefresh(std::string_view bsdName) override;
+    // The real link layer of this machine (the simulated Mac has none of its own).
+    LinkChannelOpening openLinkChannel(std::string_view interface) override;
+    std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) override;
 
 private:
     // Runs the simulator's own command for this root.
