@@ -96,7 +96,7 @@ bool convert(const WireValue& value, D& out)
     } else if constexpr (IsOptional<D>::value) {
         using Inner = typename D::value_type;
         // NSNumber's own conversions: boolValue, longLongValue, doubleValue.
-        if (std::holds_alternative<Nil>(value)) out.reset();
+        if (std::holds_alternative<NilValue>(value)) out.reset();
         else if (const auto* flag = std::get_if<bool>(&value)) out = static_cast<Inner>(*flag);
         else if (const auto* integer = std::get_if<std::int64_t>(&value))
             out = std::is_same_v<Inner, bool> ? static_cast<Inner>(*integer != 0) : static_cast<Inner>(*integer);
@@ -128,11 +128,11 @@ WireValue toWire(R&& value, WireType type)
     else if constexpr (std::is_floating_point_v<D>) return static_cast<double>(value);
     else if constexpr (std::is_same_v<D, std::string>) return asData ? WireValue(bytesOf(value)) : WireValue(std::move(value));
     else if constexpr (std::is_same_v<D, std::optional<std::string>>) {
-        if (!value) return Nil{};
+        if (!value) return NilValue{};
         return asData ? WireValue(bytesOf(*value)) : WireValue(std::move(*value));
     } else if constexpr (std::is_same_v<D, Bytes>) return std::move(value);
     else if constexpr (std::is_same_v<D, std::optional<Bytes>>) {
-        if (!value) return Nil{};
+        if (!value) return NilValue{};
         return std::move(*value);
     } else {
         static_assert(sizeof(D) == 0, "no wire conversion for this reply type");
@@ -337,7 +337,7 @@ std::optional<WireValue> valueFromJSON(const nlohmann::json& value, WireType typ
         if (value.is_string()) return value.get<std::string>();
         return std::nullopt;
     case optionalString:
-        if (value.is_null()) return Nil{};
+        if (value.is_null()) return NilValue{};
         if (value.is_string()) return value.get<std::string>();
         return std::nullopt;
     case stringArray: {
@@ -351,7 +351,7 @@ std::optional<WireValue> valueFromJSON(const nlohmann::json& value, WireType typ
         return items;
     }
     case optionalData:
-        if (value.is_null()) return Nil{};
+        if (value.is_null()) return NilValue{};
         [[fallthrough]];
     case data: {
         if (!value.is_string()) return std::nullopt;
@@ -360,7 +360,7 @@ std::optional<WireValue> valueFromJSON(const nlohmann::json& value, WireType typ
         return std::move(*bytes);
     }
     case optionalNumber:
-        if (value.is_null()) return Nil{};
+        if (value.is_null()) return NilValue{};
         if (value.is_boolean()) return value.get<bool>();
         if (value.is_number_float()) return value.get<double>();
         if (value.is_number_unsigned() && !std::in_range<std::int64_t>(value.get<std::uint64_t>()))
@@ -469,13 +469,13 @@ bool matches(const WireValue& value, WireType type)
     case data: return std::holds_alternative<Bytes>(value);
     case stringArray: return std::holds_alternative<std::vector<std::string>>(value);
     case optionalNumber:
-        return std::holds_alternative<Nil>(value) || std::holds_alternative<bool>(value) ||
+        return std::holds_alternative<NilValue>(value) || std::holds_alternative<bool>(value) ||
                std::holds_alternative<std::int64_t>(value) || std::holds_alternative<double>(value);
     case boolean: return std::holds_alternative<bool>(value);
     case integer: return std::holds_alternative<std::int64_t>(value);
     case real: return std::holds_alternative<double>(value) || std::holds_alternative<std::int64_t>(value);
-    case optionalString: return std::holds_alternative<Nil>(value) || std::holds_alternative<std::string>(value);
-    case optionalData: return std::holds_alternative<Nil>(value) || std::holds_alternative<Bytes>(value);
+    case optionalString: return std::holds_alternative<NilValue>(value) || std::holds_alternative<std::string>(value);
+    case optionalData: return std::holds_alternative<NilValue>(value) || std::holds_alternative<Bytes>(value);
     }
     return false;
 }
@@ -520,10 +520,10 @@ WireValues refusal(const MethodSpec& method, const std::string& message)
         case stringArray: values.emplace_back(std::vector<std::string>()); break;
         case optionalString:
             if (i == messageSlot) values.emplace_back(message);
-            else values.emplace_back(Nil{});
+            else values.emplace_back(NilValue{});
             break;
         case optionalNumber:
-        case optionalData: values.emplace_back(Nil{}); break;
+        case optionalData: values.emplace_back(NilValue{}); break;
         }
     }
     return values;
@@ -632,7 +632,7 @@ nlohmann::json valuesToJSON(const WireValues& values)
         std::visit(
             [&out](const auto& item) {
                 using T = std::decay_t<decltype(item)>;
-                if constexpr (std::is_same_v<T, Nil>) out.push_back(nullptr);
+                if constexpr (std::is_same_v<T, NilValue>) out.push_back(nullptr);
                 else if constexpr (std::is_same_v<T, Bytes>) out.push_back(base64Encode(item));
                 else out.push_back(item);
             },

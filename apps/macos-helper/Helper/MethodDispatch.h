@@ -26,12 +26,12 @@ class HelperService;
 namespace MethodDispatch {
 
 using Bytes = std::vector<std::uint8_t>;
-struct Nil {
-    bool operator==(const Nil&) const = default;
+struct NilValue {
+    bool operator==(const NilValue&) const = default;
 };
 // One argument or reply value: nil, Bool, Int, Double, String, [String], Data.
 // An NSNumber? argument arrives as nil, Bool, Int or Double.
-using WireValue = std::variant<Nil, bool, std::int64_t, double, std::string, std::vector<std::string>, Bytes>;
+using WireValue = std::variant<NilValue, bool, std::int64_t, double, std::string, std::vector<std::string>, Bytes>;
 using WireValues = std::vector<WireValue>;
 
 // How a type is written in messages: "Bool", "Int", "Double", "String",

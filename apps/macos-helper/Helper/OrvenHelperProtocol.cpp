@@ -1,8 +1,10 @@
 #include "OrvenHelperProtocol.h"
 
 #include <algorithm>
-#include <charconv>
+#include <cfloat>
 #include <cmath>
+#include <locale>
+#include <sstream>
 #include <string>
 
 #include "Text.h"
@@ -78,6 +80,31 @@ std::optional<std::string> validateServiceOrderList(const std::vector<std::strin
     return std::nullopt;
 }
 
+namespace {
+
+// A run of digits with at most one dot and at least one digit ("12", "1.",
+// ".5") as a double; absent for any other run, and for one too large or too
+// small to be a normal double, rather than infinity or a rounded-off zero.
+// Parsed in the classic locale, so a decimal comma elsewhere cannot change it,
+// and without floating-point from_chars, which Apple's C++ library lacks.
+std::optional<double> parseUnsignedDecimal(std::string_view run)
+{
+    const auto digits = std::count_if(run.begin(), run.end(), [](char c) { return c >= '0' && c <= '9'; });
+    const auto dots = std::count(run.begin(), run.end(), '.');
+    if (digits == 0 || dots > 1 || static_cast<std::size_t>(digits + dots) != run.size()) return std::nullopt;
+    std::istringstream stream{std::string(run)};
+    stream.imbue(std::locale::classic());
+    double value = 0;
+    stream >> value;
+    if (stream.fail() || stream.peek() != std::char_traits<char>::eof()) return std::nullopt;
+    if (!std::isfinite(value) || value < 0) return std::nullopt;
+    const bool allZeros = std::all_of(run.begin(), run.end(), [](char c) { return c == '0' || c == '.'; });
+    if (!allZeros && value < DBL_MIN) return std::nullopt;
+    return value;
+}
+
+} // namespace
+
 std::optional<double> parseGatewayPingMedianMillis(std::string_view output, bool discardCold)
 {
     constexpr std::string_view marker = "time=";
@@ -89,14 +116,9 @@ std::optional<double> parseGatewayPingMedianMillis(std::string_view output, bool
         std::size_t end = begin;
         while (end < line.size() && ((line[end] >= '0' && line[end] <= '9') || line[end] == '.')) ++end;
         // The run holds no sign, so a parsed value is never negative; a run
-        // such as "1.2.3" or "." does not parse as a whole and is skipped, and
-        // so is one too large for a double rather than becoming infinity.
-        double value = 0;
-        const char* first = line.data() + begin;
-        const char* last = line.data() + end;
-        const auto [stop, error] = std::from_chars(first, last, value, std::chars_format::fixed);
-        if (first == last || error != std::errc{} || stop != last || !std::isfinite(value) || value < 0) continue;
-        samples.push_back(value);
+        // such as "1.2.3" or "." is skipped.
+        if (const auto value = parseUnsignedDecimal(std::string_view(line).substr(begin, end - begin)))
+            samples.push_back(*value);
     }
     if (discardCold && samples.size() >= 2) samples.erase(samples.begin());
     if (samples.empty()) return std::nullopt;

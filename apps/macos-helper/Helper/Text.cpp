@@ -170,6 +170,30 @@ std::vector<std::string> splitAtLineFeed(std::string_view text, bool keepEmpty)
     return lines;
 }
 
+std::vector<std::string> splitAtWhitespaceAndNewlines(std::string_view text)
+{
+    std::vector<std::string> words;
+    for (const auto& line : splitLines(text, /*keepEmpty=*/false)) {
+        const auto scalars = decodeUTF8(line);
+        if (!scalars) {
+            // Not UTF-8: only the ASCII separators can be told apart.
+            for (auto& word : splitWords(line, " \t")) words.push_back(std::move(word));
+            continue;
+        }
+        std::string word;
+        for (const char32_t scalar : *scalars) {
+            if (!isWhitespace(scalar)) {
+                appendUTF8(word, scalar);
+                continue;
+            }
+            if (!word.empty()) words.push_back(std::move(word));
+            word.clear();
+        }
+        if (!word.empty()) words.push_back(std::move(word));
+    }
+    return words;
+}
+
 std::vector<std::string> splitWords(std::string_view text, std::string_view separators)
 {
     std::vector<std::string> words;

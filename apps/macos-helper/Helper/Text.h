@@ -28,6 +28,8 @@ std::vector<std::string> splitLines(std::string_view text, bool keepEmpty);
 std::vector<std::string> splitAtLineFeed(std::string_view text, bool keepEmpty);
 // Splits at any of `separators` (ASCII), dropping empty pieces.
 std::vector<std::string> splitWords(std::string_view text, std::string_view separators);
+// Splits at white space (Zs and tab) and newline characters, dropping empty pieces.
+std::vector<std::string> splitAtWhitespaceAndNewlines(std::string_view text);
 // Splits at `separator`, keeping empty pieces.
 std::vector<std::string> splitKeepingEmpty(std::string_view text, char separator);
 

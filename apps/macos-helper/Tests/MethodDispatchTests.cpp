@@ -67,14 +67,14 @@ md::WireValue sampleValue(WireType type)
     case WireType::string: return std::string();
     case WireType::data: return md::Bytes{};
     case WireType::stringArray: return std::vector<std::string>{};
-    case WireType::optionalNumber: return md::Nil{};
+    case WireType::optionalNumber: return md::NilValue{};
     case WireType::boolean: return false;
     case WireType::integer: return std::int64_t{0};
     case WireType::real: return 0.0;
-    case WireType::optionalString: return md::Nil{};
-    case WireType::optionalData: return md::Nil{};
+    case WireType::optionalString: return md::NilValue{};
+    case WireType::optionalData: return md::NilValue{};
     }
-    return md::Nil{};
+    return md::NilValue{};
 }
 
 // A value of some other type than `type` accepts.
@@ -189,7 +189,7 @@ TEST_P(EveryMethod, WrongArgumentsAreAnsweredOnceInTheMethodsShape)
     }
     md::WireValues tooMany;
     for (const WireType type : method.arguments) tooMany.push_back(sampleValue(type));
-    tooMany.emplace_back(md::Nil{});
+    tooMany.emplace_back(md::NilValue{});
     attempts.push_back(std::move(tooMany));
 
     BareDaemon daemon;
@@ -270,11 +270,11 @@ TEST(Refusal, FillsEachShape)
 {
     const auto message = std::string("no");
     using V = md::WireValues;
-    EXPECT_EQ(md::refusal(*findMethod("readHardKillProofWithReply:"), message), (V{false, md::Nil{}, message}));
+    EXPECT_EQ(md::refusal(*findMethod("readHardKillProofWithReply:"), message), (V{false, md::NilValue{}, message}));
     EXPECT_EQ(md::refusal(*findMethod("readHardKillEnforcementWithReply:"), message),
               (V{false, false, false, std::int64_t{-1}, message}));
-    EXPECT_EQ(md::refusal(*findMethod("listServiceOrderWithReply:"), message), (V{md::Nil{}, message}));
-    EXPECT_EQ(md::refusal(*findMethod("readKnownWiFiPlistDataWithReply:"), message), (V{md::Nil{}, message}));
+    EXPECT_EQ(md::refusal(*findMethod("listServiceOrderWithReply:"), message), (V{md::NilValue{}, message}));
+    EXPECT_EQ(md::refusal(*findMethod("readKnownWiFiPlistDataWithReply:"), message), (V{md::NilValue{}, message}));
     EXPECT_EQ(md::refusal(*findMethod("gatewayPingRTTWithTarget:count:spacingMillis:boundInterface:timeoutMillis:reply:"),
                           message),
               (V{-1.0, message}));
@@ -346,7 +346,7 @@ TEST(Lines, WrongArgumentsAnswerTheShapeWithTheMessage)
 
 TEST(Lines, ValuesBecomeJSON)
 {
-    const md::WireValues values{md::Nil{}, true, std::int64_t{-3}, 2.5, std::string("a"),
+    const md::WireValues values{md::NilValue{}, true, std::int64_t{-3}, 2.5, std::string("a"),
                                 std::vector<std::string>{"x", "y"}, md::Bytes{'f', 'o', 'o'}};
     EXPECT_EQ(md::valuesToJSON(values), json::parse(R"([null,true,-3,2.5,"a",["x","y"],"Zm9v"])"));
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <locale>
 #include <optional>
 #include <set>
 #include <string>
@@ -142,6 +143,12 @@ TEST(OrvenHelperConstants, ParseGatewayPingMedianMillis)
         {"zero is a sample", "time=0.000 ms", false, 0.0},
         {"a run too large for a double is skipped", "time=" + tooLarge + "\ntime=8", false, 8.0},
         {"two huge samples do not overflow their mean", "time=" + huge + "\ntime=" + huge, false, 1e308},
+        {"a run too small for a normal double is skipped", "time=0." + std::string(400, '0') + "1\ntime=0." +
+             std::string(310, '0') + "1\ntime=3", false, 3.0},
+        {"the smallest normal double is a sample", "time=0." + std::string(307, '0') + "22250738585072014", false,
+         2.2250738585072014e-308},
+        {"long fractions round to the nearest double", "time=0.1000000000000000055511151231257827", false, 0.1},
+        {"many zero digits are still zero", "time=0." + std::string(400, '0') + "\ntime=00.0", false, 0.0},
     };
     for (const PingCase& c : cases) {
         const auto median = C::parseGatewayPingMedianMillis(c.output, c.discardCold);
@@ -150,6 +157,19 @@ TEST(OrvenHelperConstants, ParseGatewayPingMedianMillis)
             EXPECT_DOUBLE_EQ(*median, *c.expected) << c.label;
         }
     }
+}
+
+// A process whose global locale writes a decimal comma still reads ping's dots.
+TEST(OrvenHelperConstants, ParseGatewayPingIgnoresTheGlobalLocale)
+{
+    struct DecimalComma : std::numpunct<char> {
+        char do_decimal_point() const override { return ','; }
+    };
+    const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new DecimalComma));
+    const auto median = C::parseGatewayPingMedianMillis("time=2.5 ms\ntime=3,5 ms", false);
+    std::locale::global(previous);
+    ASSERT_TRUE(median.has_value());
+    EXPECT_DOUBLE_EQ(*median, 2.75);
 }
 
 // --- Budgets and versions -----------------------------------------------------

@@ -3,7 +3,7 @@
 #include <sys/sysctl.h>
 #include <sys/time.h>
 
-#include <cstdlib>
+#include <unistd.h>
 
 #import <Foundation/Foundation.h>
 #import <SystemConfiguration/SystemConfiguration.h>
@@ -93,13 +93,16 @@ std::optional<Host::WallClock::time_point> DarwinHost::bootTime() const
     return WallClock::time_point(std::chrono::seconds(boot.tv_sec));
 }
 
-void DarwinHost::exitProcess(int status) { std::exit(status); }
+// Called from worker threads: leave without running the destructors of the
+// static host and context under XPC threads that still use them.
+void DarwinHost::exitProcess(int status) { ::_exit(status); }
 
 // --- SystemConfiguration -----------------------------------------------------
 
 Host::StoreCopy DarwinHost::copyDynamicStore(std::string_view sessionName, std::string_view pattern)
 {
     CFOwned<CFStringRef> name(createString(sessionName));
+    if (!name) return {{}, "cannot open a SystemConfiguration dynamic store session"};
     CFOwned<SCDynamicStoreRef> store(SCDynamicStoreCreate(kCFAllocatorDefault, name.get(), nullptr, nullptr));
     if (!store) return {{}, "cannot open a SystemConfiguration dynamic store session"};
     CFOwned<CFStringRef> patternText(createString(pattern));

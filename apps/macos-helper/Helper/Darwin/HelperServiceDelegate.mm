@@ -18,20 +18,20 @@ namespace md = orven::MethodDispatch;
 
 md::WireValue wireString(NSString* _Nullable text)
 {
-    if (![text isKindOfClass:NSString.class]) return md::Nil{};
+    if (![text isKindOfClass:NSString.class]) return md::NilValue{};
     NSData* bytes = [text dataUsingEncoding:NSUTF8StringEncoding];
-    if (!bytes) return md::Nil{};  // lone surrogates: not a string we can pass on
+    if (!bytes) return md::NilValue{};  // lone surrogates: not a string we can pass on
     return std::string(static_cast<const char*>(bytes.bytes), bytes.length);
 }
 
 md::WireValue wireStrings(NSArray* _Nullable items)
 {
-    if (![items isKindOfClass:NSArray.class]) return md::Nil{};
+    if (![items isKindOfClass:NSArray.class]) return md::NilValue{};
     std::vector<std::string> out;
     out.reserve(items.count);
     for (id item in items) {
         auto text = wireString(item);
-        if (!std::holds_alternative<std::string>(text)) return md::Nil{};
+        if (!std::holds_alternative<std::string>(text)) return md::NilValue{};
         out.push_back(std::move(std::get<std::string>(text)));
     }
     return out;
@@ -39,14 +39,14 @@ md::WireValue wireStrings(NSArray* _Nullable items)
 
 md::WireValue wireData(NSData* _Nullable data)
 {
-    if (![data isKindOfClass:NSData.class]) return md::Nil{};
+    if (![data isKindOfClass:NSData.class]) return md::NilValue{};
     const auto* bytes = static_cast<const std::uint8_t*>(data.bytes);
     return md::Bytes(bytes, bytes + data.length);
 }
 
 md::WireValue wireNumber(NSNumber* _Nullable number)
 {
-    if (!number) return md::Nil{};
+    if (!number) return md::NilValue{};
     if (![number isKindOfClass:NSNumber.class]) return std::string();  // refused: not an NSNumber
     if (CFGetTypeID((__bridge CFTypeRef)number) == CFBooleanGetTypeID()) return static_cast<bool>(number.boolValue);
     if (CFNumberIsFloatType((__bridge CFNumberRef)number)) return number.doubleValue;
@@ -81,8 +81,9 @@ NSString* _Nullable stringAt(const md::WireValues& values, std::size_t i)
     const auto* value = i < values.size() ? std::get_if<std::string>(&values[i]) : nullptr;
     if (!value) return nil;
     NSString* text = [[NSString alloc] initWithBytes:value->data() length:value->size() encoding:NSUTF8StringEncoding];
+    if (text) return text;
     // Tool output that is not UTF-8 still answers, lossily.
-    return text ?: [[NSString alloc] initWithBytes:value->data() length:value->size() encoding:NSISOLatin1StringEncoding];
+    return [[NSString alloc] initWithBytes:value->data() length:value->size() encoding:NSISOLatin1StringEncoding];
 }
 
 NSData* _Nullable dataAt(const md::WireValues& values, std::size_t i)
@@ -117,7 +118,13 @@ NSData* _Nullable dataAt(const md::WireValues& values, std::size_t i)
          answer:(void (^)(const md::WireValues& values))answer
 {
     const orven::MethodSpec* method = orven::findMethod(NSStringFromSelector(selector).UTF8String);
-    if (!method) return;  // unreachable: the protocol and the table list the same selectors
+    if (!method) {
+        // The protocol and the table list the same selectors, so this should
+        // not happen; if it does, the caller still gets its one answer, the
+        // refusal of every shape: NO, -1 and nil in each place.
+        answer(md::WireValues{});
+        return;
+    }
     OrvenHelperExportedService* keepAlive = self;
     md::dispatch(*_service, *method, std::move(arguments),
                  [keepAlive, answer](md::WireValues values, const std::optional<std::string>&) {
@@ -128,7 +135,12 @@ NSData* _Nullable dataAt(const md::WireValues& values, std::size_t i)
 
 - (void)pingWithReply:(void (^)(NSString*))reply
 {
-    [self forward:_cmd arguments:md::WireValues{} answer:^(const md::WireValues& v) { reply(stringAt(v, 0) ?: @""); }];
+    [self forward:_cmd
+        arguments:md::WireValues{}
+           answer:^(const md::WireValues& v) {
+               NSString* version = stringAt(v, 0);
+               reply(version ? version : @"");
+           }];
 }
 
 - (void)setLANIsolationWithEnabled:(BOOL)enabled

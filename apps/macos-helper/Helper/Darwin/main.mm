@@ -1,11 +1,13 @@
 // The daemon on macOS: boot work, then the XPC listener on the Mach service,
-// then the main run loop for the life of the process.
+// then the main queue for the life of the process.
 
 #import <Foundation/Foundation.h>
 
+#include <dispatch/dispatch.h>
 #include <unistd.h>
 
 #include "DaemonContext.h"
+#include "Darwin/CodeRequirement.h"
 #include "Darwin/DarwinHost.h"
 #include "Startup.h"
 
@@ -21,11 +23,17 @@ HelperServiceDelegate* delegate;
 
 int main()
 {
-    @autoreleasepool {
-        static orven::DarwinHost host;
-        static orven::DaemonContext context(host);
+    static orven::DarwinHost host;
+    static orven::DaemonContext context(host);
 
+    // What start-up autoreleases is released here, not held for the life of
+    // the process by a pool that never drains.
+    @autoreleasepool {
         const auto error = orven::Startup::run(context, static_cast<std::uint32_t>(::getuid()), [] {
+            // A requirement that does not compile would make every connection
+            // raise; refuse to listen at all, and say why.
+            if (auto invalid = orven::codeRequirementError(orven::OrvenHelperConstants::clientCodeRequirement))
+                return invalid;
             listener = [[NSXPCListener alloc]
                 initWithMachServiceName:@(orven::OrvenHelperConstants::machServiceName.data())];
             delegate = [[HelperServiceDelegate alloc] initWithContext:context];
@@ -34,7 +42,6 @@ int main()
             return std::optional<std::string>();
         });
         if (error) return 1;
-        [[NSRunLoop mainRunLoop] run];
     }
-    return 0;
+    dispatch_main();
 }

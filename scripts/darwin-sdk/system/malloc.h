@@ -1,0 +1,2 @@
+// Linux only: macOS has no <malloc.h>.
+#error "<malloc.h> does not exist on macOS"

@@ -1,0 +1,2 @@
+// Linux only: macOS has no <mntent.h>.
+#error "<mntent.h> does not exist on macOS"

@@ -1,0 +1,2 @@
+// Linux only: macOS has no <sys/pidfd.h>.
+#error "<sys/pidfd.h> does not exist on macOS"
