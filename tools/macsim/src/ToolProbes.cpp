@@ -233,7 +233,7 @@ int pingMain(ToolContext& c) {
     std::optional<long> timeout, waitMs;
     double interval = 1.0;
     long payload = 56;
-    bool dontFragment = false, quiet = false;
+    bool dontFragment = false, quiet = false, multicastSource = false;
     std::string bound;
     for (const auto& o : g.options) {
         switch (o.name) {
@@ -280,6 +280,7 @@ int pingMain(ToolContext& c) {
         case 'q': quiet = true; break;
         case 'b':
         case 'B': bound = o.value; break;
+        case 'I': multicastSource = true; break;
         default: break;
         }
     }
@@ -293,6 +294,9 @@ int pingMain(ToolContext& c) {
         c.err += "ping: cannot resolve " + hostArg + ": Unknown host\n";
         return 68;
     }
+    // -I names a multicast source address, not an interface.
+    if (multicastSource && !target->isMulticast())
+        return refuse(c, "ping: -I, -L, -T flags cannot be used with unicast destination\n", 64);
 
     RttStats stats;
     Timeline timeline;
