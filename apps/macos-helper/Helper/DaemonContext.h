@@ -32,9 +32,17 @@ struct DaemonContext {
     // Changed only under pfLock; read anywhere.
     std::atomic<bool> hardKillEngaged{false};
     std::atomic<bool> uninstallClaimed{false};
+    // The slack each ping's budget adds for starting the tool; only tests
+    // shorten it, so a train can be killed at its budget without long waits.
+    double pingSpawnSlackSeconds = OrvenHelperConstants::pingSpawnSlackSeconds;
     // Pings and the powerline probe run here, off the connection. Declared
     // last so it is destroyed first: its jobs still use everything above.
-    WorkerPool backgroundWork{16, 256};
+    // A ping job spends nearly all its time blocked on its child (poll), so
+    // the pool is sized for waiting, not for the two cores: 64 jobs wait at
+    // once and 512 more queue. Beyond that a request is answered at once
+    // with a refusal; threads (64 at most, started on demand) and queued
+    // jobs (a few hundred bytes each) stay bounded.
+    WorkerPool backgroundWork{64, 512};
 };
 
 } // namespace orven

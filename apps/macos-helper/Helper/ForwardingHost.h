@@ -19,6 +19,7 @@ public:
     }
     SteadyClock::time_point now() const override { return inner_.now(); }
     std::optional<WallClock::time_point> bootTime() const override { return inner_.bootTime(); }
+    WallClock::time_point wallNow() const override { return inner_.wallNow(); }
     LogSink& logSink() override { return inner_.logSink(); }
     void exitProcess(int status) override { inner_.exitProcess(status); }
     StoreCopy copyDynamicStore(std::string_view sessionName, std::string_view pattern) override

@@ -75,4 +75,13 @@ bool HelperService::isValidServiceName(std::string_view name)
     return std::all_of(scalars->begin(), scalars->end(), isServiceNameScalar);
 }
 
+bool HelperService::isValidServerAddress(std::string_view address)
+{
+    const auto scalars = text::decodeUTF8(address);
+    if (!scalars || scalars->empty() || scalars->size() >= 256) return false;
+    return std::all_of(scalars->begin(), scalars->end(), [](char32_t scalar) {
+        return scalar == U'.' || scalar == U':' || scalar == U'-' || scalar == U'_' || isAlphanumeric(scalar);
+    });
+}
+
 } // namespace orven

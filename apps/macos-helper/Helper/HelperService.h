@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,6 +56,7 @@ inline constexpr std::string_view ping6 = "/sbin/ping6";
 inline constexpr std::string_view nc = "/usr/bin/nc";
 inline constexpr std::string_view pkgutil = "/usr/sbin/pkgutil";
 inline constexpr std::string_view launchctl = "/bin/launchctl";
+inline constexpr std::string_view log = "/usr/bin/log";
 } // namespace paths
 
 class HelperService {
@@ -307,6 +309,32 @@ public:
     static bool spawnDetached(DaemonContext& context, std::string_view path, const std::vector<std::string>& arguments,
                               const Logger& log);
     static void reportInstallPathIntegrity(DaemonContext& context);
+
+    // --- Link diagnostics ----------------------------------------------------
+
+    void pingWithDontFragment(const std::string& target, std::int64_t payloadBytes,
+                              const std::string& boundInterface, std::int64_t timeoutMillis, ActionReply reply);
+    void gatewayPingRTT(const std::string& target, std::int64_t count, std::int64_t spacingMillis,
+                        const std::string& boundInterface, std::int64_t timeoutMillis,
+                        Reply<double, OptionalText> reply);
+    void readIKEv2DiagnosticLog(double sinceEpoch, const std::string& serverAddress,
+                                Reply<OptionalText, OptionalText> reply);
+
+    // The workers, run on the daemon's background pool; the box carries the
+    // reply across the hop.
+    static void runDFPingSubprocess(DaemonContext& context, const std::string& target, std::int64_t payloadBytes,
+                                    const std::string& boundInterface, std::int64_t timeoutMillis,
+                                    const std::shared_ptr<ActionReply>& replyBox);
+    static void runGatewayPingSubprocess(DaemonContext& context, const std::string& target, std::int64_t count,
+                                         std::int64_t spacingMillis, const std::string& boundInterface,
+                                         std::int64_t timeoutMillis,
+                                         const std::shared_ptr<Reply<double, OptionalText>>& replyBox);
+
+    static bool isValidServerAddress(std::string_view address);
+    // Seconds of log to ask for before the fixed margin: ceil(now − since)
+    // within 1…300.
+    static std::int64_t ikev2LookBackSeconds(double nowEpoch, double sinceEpoch);
+    static std::string filterIKEv2DiagnosticLines(std::string_view output, std::string_view serverAddress);
 
 private:
     DaemonContext& context_;

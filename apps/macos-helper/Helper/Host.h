@@ -42,6 +42,9 @@ public:
     // Monotonic time for deadlines and budgets.
     virtual SteadyClock::time_point now() const { return SteadyClock::now(); }
 
+    // The wall clock (the time the system log is stamped with).
+    virtual WallClock::time_point wallNow() const { return WallClock::now(); }
+
     // When the system last started (kern.boottime, whole seconds), if known.
     virtual std::optional<WallClock::time_point> bootTime() const = 0;
 

@@ -335,5 +335,35 @@ TEST_F(EndToEnd, SelfTerminateAndLaunchdsStopBothEndTheDaemonCleanly)
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
 }
 
+TEST_F(EndToEnd, TheLinkDiagnosticsAnswerThroughTheDaemon)
+{
+    ASSERT_EQ(mac.macsim("set", {"target", "192.168.1.1", "rtt", "30.1,2.0,2.4"}).code, 0);
+    ASSERT_EQ(mac.macsim("log", {"add", "--process", "NEIKEv2Provider", "--time", "now-10", "--message",
+                                 "IKE SA state Connected to vpn.example.com"})
+                  .code,
+              0);
+    auto daemon = start();
+    Client client(socketPath);
+    const auto fit = client.call(request("pingWithDontFragmentWithTarget:payloadBytes:boundInterface:timeoutMillis:reply:",
+                                         json::array({"192.168.1.1", 1472, "en0", 500})));
+    EXPECT_EQ(fit.value_or(json())["reply"], json::array({true, nullptr}));
+    const auto tooBig =
+        client.call(request("pingWithDontFragmentWithTarget:payloadBytes:boundInterface:timeoutMillis:reply:",
+                            json::array({"192.168.1.1", 1473, "en0", 500})));
+    EXPECT_EQ(tooBig.value_or(json())["reply"], json::array({false, nullptr}));
+    const auto median =
+        client.call(request("gatewayPingRTTWithTarget:count:spacingMillis:boundInterface:timeoutMillis:reply:",
+                            json::array({"192.168.1.1", 3, 50, "en0", 500})));
+    EXPECT_EQ(median.value_or(json())["reply"], json::array({2.2, nullptr}));
+    const auto lines = client.call(request("readIKEv2DiagnosticLogSinceEpoch:serverAddress:reply:",
+                                           json::array({0.0, "vpn.example.com"})));
+    ASSERT_TRUE(lines && lines->contains("reply")) << lines.value_or(json());
+    const auto& reply = (*lines)["reply"];
+    ASSERT_TRUE(reply.size() == 2 && reply[0].is_string()) << reply;
+    EXPECT_NE(reply[0].get<std::string>().find("NEIKEv2Provider: IKE SA state Connected to vpn.example.com"),
+              std::string::npos);
+    EXPECT_TRUE(reply[1].is_null());
+}
+
 } // namespace
 } // namespace orven

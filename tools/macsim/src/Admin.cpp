@@ -22,6 +22,7 @@
 #include "PfListing.h"
 #include "Probe.h"
 #include "Stock.h"
+#include "SystemLog.h"
 #include "Tools.h"
 
 namespace orven::macsim {
@@ -45,8 +46,12 @@ constexpr std::string_view kHelp = R"(usage: macsim <command> ROOT [arguments]
                                     ask pf about one packet; exit 0 if it passes, 1 if not
   flow ROOT open tcp|udp HOST PORT [--if IF] | list | close ID|all
   show ROOT main | anchor NAME | references | states | counters | enabled | boottime | skip
-  set ROOT probe-delay MS | altq on|off | target HOST up|down|rtt MS|mtu N
-           | interface IF up|down|mtu N
+  set ROOT probe-delay MS | altq on|off | target HOST up|down|rtt MS[,MS...]|mtu N [via IF]
+           | target HOST loss SEQ[,SEQ...]|none | interface IF up|down|mtu N
+           | ping6 real|assumed | clock EPOCH|real
+  log ROOT add --process NAME --time T --message TEXT [--type TYPE] [--subsystem S]
+           [--category C] [--sender S] [--pid N]
+                                    add a log entry (T: seconds since 1970, or now-N)
   sc ROOT copy-store PATTERN | interfaces | refresh BSD
   service ROOT add NAME (--device BSD | --no-device) [--disabled] | list | remove NAME
           | enable NAME | disable NAME
@@ -163,6 +168,7 @@ int init(const std::string& root) {
     writeText(paths.host("/etc/pf.anchors/com.apple"), kStockAppleAnchor);
     ::unlink(paths.faults.c_str());
     ::unlink(paths.calls.c_str());
+    ::unlink(paths.log.c_str());
     Session s(paths);
     s.reset(PfModel{}, NetModel::stock());
     bootPf(s, false);
@@ -624,6 +630,84 @@ int show(const std::string& root, const std::vector<std::string>& args) {
     return 0;
 }
 
+// "12.5" or a series "30.1,2.0,2.4" (exact, the last repeating).
+void setRoundTrips(RemoteHost& host, const std::string& text) {
+    std::vector<double> series;
+    std::size_t from = 0;
+    for (;;) {
+        const std::size_t comma = text.find(',', from);
+        const std::string piece = text.substr(from, comma == std::string::npos ? std::string::npos : comma - from);
+        char* end = nullptr;
+        const double ms = std::strtod(piece.c_str(), &end);
+        if (piece.empty() || *end != '\0' || !(ms >= 0) || ms > 3.6e6)
+            fail("bad rtt " + text, 64);
+        series.push_back(ms);
+        if (comma == std::string::npos)
+            break;
+        from = comma + 1;
+    }
+    host.rttMs = series.front();
+    host.rttSeries = series.size() > 1 ? series : std::vector<double>{};
+}
+
+std::vector<long> sequenceList(const std::string& text) {
+    std::vector<long> seqs;
+    std::size_t from = 0;
+    for (;;) {
+        const std::size_t comma = text.find(',', from);
+        seqs.push_back(number(text.substr(from, comma == std::string::npos ? std::string::npos : comma - from),
+                              "sequence number"));
+        if (comma == std::string::npos)
+            return seqs;
+        from = comma + 1;
+    }
+}
+
+int logCommand(const std::string& root, const std::vector<std::string>& args) {
+    const StorePaths paths(root);
+    if (args.empty() || args[0] != "add")
+        fail("log ROOT add --process NAME --time T --message TEXT", 64);
+    LogEntry entry;
+    std::optional<std::string> time, process, message;
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        if (i + 1 >= args.size())
+            fail(args[i] + " needs a value", 64);
+        const std::string& key = args[i];
+        const std::string& value = args[++i];
+        if (key == "--process")
+            process = value;
+        else if (key == "--time")
+            time = value;
+        else if (key == "--message")
+            message = value;
+        else if (key == "--type")
+            entry.type = value;
+        else if (key == "--subsystem")
+            entry.subsystem = value;
+        else if (key == "--category")
+            entry.category = value;
+        else if (key == "--sender")
+            entry.sender = value;
+        else if (key == "--pid")
+            entry.pid = static_cast<int>(number(value, "pid"));
+        else
+            fail("unknown option " + key, 64);
+    }
+    if (!process || !time || !message)
+        fail("log add needs --process, --time and --message", 64);
+    static const std::vector<std::string> types{"Default", "Info", "Debug", "Error", "Fault"};
+    if (std::find(types.begin(), types.end(), entry.type) == types.end())
+        fail("bad type " + entry.type + " (Default, Info, Debug, Error or Fault)", 64);
+    const auto at = parseLogTime(*time, simulatedNow(paths));
+    if (!at)
+        fail("bad time " + *time, 64);
+    entry.time = *at;
+    entry.process = *process;
+    entry.message = *message;
+    appendLogEntry(paths, entry);
+    return 0;
+}
+
 int set(const std::string& root, const std::vector<std::string>& args) {
     const StorePaths paths(root);
     if (args.size() < 2)
@@ -659,11 +743,28 @@ int set(const std::string& root, const std::vector<std::string>& args) {
         if (key == "up" || key == "down")
             host->up = key == "up";
         else if (key == "rtt" && args.size() == 4)
-            host->rttMs = static_cast<double>(number(args[3], "rtt"));
+            setRoundTrips(*host, args[3]);
         else if (key == "mtu" && args.size() == 4)
             host->pathMtu = static_cast<int>(number(args[3], "mtu"));
+        else if (key == "mtu" && args.size() == 6 && args[4] == "via")
+            host->pathMtuVia[args[5]] = static_cast<int>(number(args[3], "mtu"));
+        else if (key == "loss" && args.size() == 4)
+            host->lostSeqs = args[3] == "none" ? std::vector<long>{} : sequenceList(args[3]);
         else
-            fail("set target HOST up|down|rtt MS|mtu N", 64);
+            fail("set target HOST up|down|rtt MS[,MS...]|mtu N [via IF]|loss SEQ[,SEQ...]|none", 64);
+        s.touchNet();
+    } else if (what == "ping6" && args.size() == 2 && (args[1] == "real" || args[1] == "assumed")) {
+        s.net().ping6AssumedOptions = args[1] == "assumed";
+        s.touchNet();
+    } else if (what == "clock" && args.size() == 2) {
+        if (args[1] == "real") {
+            s.net().clockEpoch.reset();
+        } else {
+            const auto epoch = parseLogTime(args[1], realNow());
+            if (!epoch)
+                fail("bad clock " + args[1], 64);
+            s.net().clockEpoch = *epoch;
+        }
         s.touchNet();
     } else if (what == "interface" && args.size() >= 3) {
         Interface* itf = s.net().findInterface(args[1]);
@@ -923,6 +1024,8 @@ int adminMain(std::vector<std::string> args) {
             return set(root, rest);
         if (command == "sc")
             return sc(root, rest);
+        if (command == "log")
+            return logCommand(root, rest);
         if (command == "service")
             return service(root, rest);
         if (command == "bench")

@@ -54,6 +54,7 @@ const std::vector<ToolEntry>& tools() {
         {"ipconfig", "/usr/sbin/ipconfig", ipconfigMain, nullptr},
         {"pkgutil", "/usr/sbin/pkgutil", pkgutilMain, nullptr},
         {"launchctl", "/bin/launchctl", launchctlMain, nullptr},
+        {"log", "/usr/bin/log", logMain, nullptr},
     };
     return table;
 }
@@ -100,7 +101,7 @@ std::optional<FaultAnswer> consultFaults(Session& session, std::string_view tool
 }
 
 int runTool(const ToolEntry& entry, const std::string& root, std::vector<std::string> args) {
-    ToolContext c{StorePaths(root), std::string(entry.name), std::move(args), {}, {}, readAllStdin, sleepFor};
+    ToolContext c{StorePaths(root), std::string(entry.name), std::move(args), {}, {}, readAllStdin, sleepFor, {}};
     try {
         std::optional<FaultAnswer> fault;
         {
@@ -120,6 +121,11 @@ int runTool(const ToolEntry& entry, const std::string& root, std::vector<std::st
                 return *fault->exitStatus;
             }
         }
+        if (!(fault && fault->out))
+            c.flush = [&c] {
+                writeAll(1, c.out);
+                c.out.clear();
+            };
         const int status = entry.run(c);
         if (fault && fault->killCaller)
             ::kill(::getppid(), SIGKILL);

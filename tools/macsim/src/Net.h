@@ -25,6 +25,7 @@ struct IpAddr {
     int maxBits() const { return family == Family::Inet ? 32 : 128; }
     bool isZero() const;
     bool isLinkLocal6() const { return family == Family::Inet6 && bytes[0] == 0xfe && (bytes[1] & 0xc0) == 0x80; }
+    bool isMulticast() const { return family == Family::Inet ? (bytes[0] & 0xf0) == 0xe0 : family == Family::Inet6 && bytes[0] == 0xff; }
     bool isLoopback() const;
 
     auto operator<=>(const IpAddr&) const = default;

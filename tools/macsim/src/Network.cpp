@@ -43,6 +43,9 @@ NetModel NetModel::stock() {
     n.hosts.push_back(remote("2606:4700:4700::1111", 12.5, 57, {443, 80, 53}, {53}));
     n.hosts.push_back(remote("192.168.1.1", 2.1, 64, {53, 80}, {53, 67}));
     n.hosts.push_back(remote("fe80::1", 2.2, 64, {53}, {53, 547}));
+    // The gateways' first reply pays for address resolution.
+    n.hosts[n.hosts.size() - 2].rttSeries = {6.4, 2.1, 1.9, 2.3, 2.0};
+    n.hosts[n.hosts.size() - 1].rttSeries = {7.1, 2.2, 2.0, 2.4, 2.1};
     n.hosts.push_back(remote("192.168.1.53", 1.4, 64, {53}, {53}));
     n.hosts.push_back(remote("192.168.1.77", 1.8, 64, {22, 445}, {5353}));
     n.hosts.push_back(remote("2001:db8:1::77", 1.9, 64, {22, 445}, {5353}));
@@ -202,6 +205,7 @@ nlohmann::json NetModel::toJson() const {
     json hs = json::array();
     for (const auto& h : hosts)
         hs.push_back({{"addr", h.addr.str()}, {"up", h.up}, {"rtt", h.rttMs}, {"ttl", h.ttl}, {"mtu", h.pathMtu},
+                      {"rttSeries", h.rttSeries}, {"mtuVia", h.pathMtuVia}, {"lost", h.lostSeqs},
                       {"tcp", h.tcp}, {"udp", h.udp}});
     j["hosts"] = hs;
     j["set"] = setId;
@@ -223,6 +227,9 @@ nlohmann::json NetModel::toJson() const {
     j["nextFlow"] = nextFlowId;
     j["nextPort"] = nextPort;
     j["probeDelayMs"] = probeDelayMs;
+    j["ping6Assumed"] = ping6AssumedOptions;
+    if (clockEpoch)
+        j["clock"] = *clockEpoch;
     j["receipts"] = receipts;
     return j;
 }
@@ -255,6 +262,9 @@ NetModel NetModel::fromJson(const nlohmann::json& j) {
         r.rttMs = h.value("rtt", 12.0);
         r.ttl = h.value("ttl", 57);
         r.pathMtu = h.value("mtu", 1500);
+        r.rttSeries = h.value("rttSeries", std::vector<double>{});
+        r.pathMtuVia = h.value("mtuVia", std::map<std::string, int>{});
+        r.lostSeqs = h.value("lost", std::vector<long>{});
         r.tcp = h.value("tcp", std::vector<std::uint16_t>{});
         r.udp = h.value("udp", std::vector<std::uint16_t>{});
         n.hosts.push_back(r);
@@ -289,6 +299,9 @@ NetModel NetModel::fromJson(const nlohmann::json& j) {
     n.nextFlowId = j.value("nextFlow", 1);
     n.nextPort = j.value("nextPort", std::uint16_t{49152});
     n.probeDelayMs = j.value("probeDelayMs", 50);
+    n.ping6AssumedOptions = j.value("ping6Assumed", false);
+    if (j.contains("clock"))
+        n.clockEpoch = j["clock"].get<double>();
     n.receipts = j.value("receipts", std::vector<std::string>{});
     return n;
 }

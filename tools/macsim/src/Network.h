@@ -4,6 +4,7 @@
 // configured network services, open flows, package receipts.
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +30,14 @@ struct RemoteHost {
     double rttMs = 12.0;
     int ttl = 57;
     int pathMtu = 1500;
+    // Round-trip times of a train's replies in order, exact; the last one
+    // repeats. Empty: rttMs, slightly varied. A first value above the rest
+    // is the cold first reply.
+    std::vector<double> rttSeries;
+    // Path MTU when the probe leaves by that interface (overrides pathMtu).
+    std::map<std::string, int> pathMtuVia;
+    // Echo sequence numbers of every train that are lost on the way.
+    std::vector<long> lostSeqs;
     std::vector<std::uint16_t> tcp; // listening ports
     std::vector<std::uint16_t> udp;
 };
@@ -68,6 +77,11 @@ struct NetModel {
     int nextFlowId = 1;
     std::uint16_t nextPort = 49152;
     int probeDelayMs = 50;
+    // ping6 as the daemon assumes it (-W takes a wait time in ms) instead of
+    // as macOS ships it (-W is a flag without value).
+    bool ping6AssumedOptions = false;
+    // The simulated clock (seconds since 1970); absent: the real clock.
+    std::optional<double> clockEpoch;
     std::vector<std::string> receipts;
 
     static NetModel stock();

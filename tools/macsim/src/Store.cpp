@@ -21,6 +21,7 @@ StorePaths::StorePaths(std::string r) : root(std::move(r)) {
     lock = dir + "/lock";
     pf = dir + "/pf.json";
     net = dir + "/net.json";
+    log = dir + "/log.jsonl";
     faults = dir + "/faults.json";
     calls = dir + "/calls.jsonl";
     boottime = dir + "/boottime";

@@ -16,7 +16,7 @@ namespace orven::macsim {
 
 struct StorePaths {
     explicit StorePaths(std::string root);
-    std::string root, dir, lock, pf, net, faults, calls, boottime, launchd;
+    std::string root, dir, lock, pf, net, faults, calls, boottime, launchd, log;
     // The file that stands for a macOS absolute path on this machine.
     std::string host(std::string_view macPath) const { return root + std::string(macPath); }
     bool exists() const;

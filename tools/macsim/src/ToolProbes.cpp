@@ -108,8 +108,21 @@ struct EchoResult {
     int pathMtu = 0; // set when a router answered "frag needed"
 };
 
+// The round-trip time of reply `seq` of a train.
+double replyTime(const RemoteHost& host, long seq) {
+    if (host.rttSeries.empty())
+        return jitter(host.rttMs);
+    const auto last = static_cast<long>(host.rttSeries.size()) - 1;
+    return host.rttSeries[static_cast<std::size_t>(std::min(seq, last))];
+}
+
+int pathMtuOf(const RemoteHost& host, const std::string& ifname) {
+    const auto via = host.pathMtuVia.find(ifname);
+    return via == host.pathMtuVia.end() ? host.pathMtu : via->second;
+}
+
 EchoResult echo(Session& s, const Route& route, const IpAddr& target, std::uint16_t id, std::uint32_t payload,
-                bool dontFragment) {
+                bool dontFragment, long seq = 0) {
     EchoResult r;
     NetModel& net = s.net();
     const Interface* itf = net.findInterface(route.ifname);
@@ -136,14 +149,16 @@ EchoResult echo(Session& s, const Route& route, const IpAddr& target, std::uint1
     RemoteHost* host = net.findHost(target);
     if (!host || !host->up)
         return r;
-    if (dontFragment && size > static_cast<std::uint32_t>(host->pathMtu)) {
-        r.pathMtu = host->pathMtu;
+    if (const int mtu = pathMtuOf(*host, route.ifname); dontFragment && size > static_cast<std::uint32_t>(mtu)) {
+        r.pathMtu = mtu;
         return r;
     }
+    if (std::find(host->lostSeqs.begin(), host->lostSeqs.end(), seq) != host->lostSeqs.end())
+        return r;
     if (!filter(s, icmpEcho(Direction::In, route.ifname, target, route.src, true, id, payload)).pass)
         return r;
     r.replied = true;
-    r.rtt = jitter(host->rttMs);
+    r.rtt = replyTime(*host, seq);
     r.ttl = host->ttl;
     return r;
 }
@@ -153,6 +168,50 @@ std::string ipHeaderDump(const IpAddr& src, const IpAddr& dst, std::uint32_t len
     out += format(" 4  5  00 %04x %04x   2 0000  40  01 %04x %s  %s \n", len, id, 0x8c1e, src.str().c_str(),
                   dst.str().c_str());
     return out;
+}
+
+// What a train prints, each piece at the moment the real tool would print
+// it (seconds after the start). The model is decided first, under the lock;
+// the train is then played out in real time, because its length is what the
+// caller's budget is about. Only the wait for echoes that never come is cut
+// short to the probe delay.
+class Timeline {
+public:
+    void out(double at, std::string text) { events_.push_back({at, std::move(text), {}}); }
+    void err(double at, std::string text) { events_.push_back({at, {}, std::move(text)}); }
+    void play(ToolContext& c, double end) {
+        std::stable_sort(events_.begin(), events_.end(), [](const Event& a, const Event& b) { return a.at < b.at; });
+        double now = 0;
+        for (const auto& e : events_) {
+            if (e.at > now) {
+                if (c.flush)
+                    c.flush();
+                c.wait(e.at - now);
+                now = e.at;
+            }
+            c.out += e.out;
+            c.err += e.err;
+        }
+        if (end > now) {
+            if (c.flush)
+                c.flush();
+            c.wait(end - now);
+        }
+    }
+
+private:
+    struct Event {
+        double at;
+        std::string out, err;
+    };
+    std::vector<Event> events_;
+};
+
+// When a train ends: at its last reply when every echo came back, else the
+// probe delay after the last send (in place of the real tool's wait).
+double trainEnd(long sends, double interval, double lastReplyAt, bool lost, double probeDelay) {
+    const double lastSend = static_cast<double>(sends > 0 ? sends - 1 : 0) * interval;
+    return lost ? std::max(lastReplyAt, lastSend + probeDelay) : lastReplyAt;
 }
 
 } // namespace
@@ -174,7 +233,7 @@ int pingMain(ToolContext& c) {
     std::optional<long> timeout, waitMs;
     double interval = 1.0;
     long payload = 56;
-    bool dontFragment = false, quiet = false;
+    bool dontFragment = false, quiet = false, multicastSource = false;
     std::string bound;
     for (const auto& o : g.options) {
         switch (o.name) {
@@ -221,6 +280,7 @@ int pingMain(ToolContext& c) {
         case 'q': quiet = true; break;
         case 'b':
         case 'B': bound = o.value; break;
+        case 'I': multicastSource = true; break;
         default: break;
         }
     }
@@ -234,10 +294,14 @@ int pingMain(ToolContext& c) {
         c.err += "ping: cannot resolve " + hostArg + ": Unknown host\n";
         return 68;
     }
+    // -I names a multicast source address, not an interface.
+    if (multicastSource && !target->isMulticast())
+        return refuse(c, "ping: -I, -L, -T flags cannot be used with unicast destination\n", 64);
 
     RttStats stats;
+    Timeline timeline;
     bool lost = false;
-    double delay = 0;
+    double end = 0;
     const auto id = static_cast<std::uint16_t>(::getpid() & 0xffff);
     {
         Session s(c.paths);
@@ -255,37 +319,41 @@ int pingMain(ToolContext& c) {
             sends = count < 0 ? fit : std::min(sends, fit);
         }
         long missedMax = 0;
+        double lastReplyAt = 0;
         for (long seq = 0; seq < sends; ++seq) {
+            const double sentAt = static_cast<double>(seq) * interval;
             stats.transmitted++;
             EchoResult r;
             if (!route) {
-                c.err += "ping: sendto: No route to host\n";
+                timeline.err(sentAt, "ping: sendto: No route to host\n");
             } else {
-                r = echo(s, *route, *target, id, static_cast<std::uint32_t>(payload), dontFragment);
+                r = echo(s, *route, *target, id, static_cast<std::uint32_t>(payload), dontFragment, seq);
                 if (r.tooBigLocal)
-                    c.err += "ping: sendto: Message too long\n";
+                    timeline.err(sentAt, "ping: sendto: Message too long\n");
             }
             if (stats.transmitted - stats.received - 1 > missedMax) {
                 missedMax = stats.transmitted - stats.received - 1;
                 if (!quiet)
-                    c.out += format("Request timeout for icmp_seq %ld\n", stats.transmitted - 2);
+                    timeline.out(sentAt, format("Request timeout for icmp_seq %ld\n", stats.transmitted - 2));
             }
             if (r.pathMtu && route) {
                 const IpAddr gw = net.gateway4;
                 Packet err = icmpEcho(Direction::In, route->ifname, gw, route->src, false, 0, 28);
                 err.icmpType = 3;
                 err.icmpCode = 4;
-                if (filter(s, err).pass) {
-                    c.out += format("36 bytes from %s: frag needed and DF set (MTU %d)\n", gw.str().c_str(),
-                                    r.pathMtu);
-                    c.out += ipHeaderDump(route->src, *target, static_cast<std::uint32_t>(28 + payload), id);
-                }
+                if (filter(s, err).pass)
+                    timeline.out(sentAt, format("36 bytes from %s: frag needed and DF set (MTU %d)\n",
+                                                gw.str().c_str(), r.pathMtu) +
+                                             ipHeaderDump(route->src, *target,
+                                                          static_cast<std::uint32_t>(28 + payload), id));
             }
             if (!r.replied) {
                 lost = true;
                 continue;
             }
             stats.received++;
+            const double repliedAt = sentAt + r.rtt / 1000.0;
+            lastReplyAt = std::max(lastReplyAt, repliedAt);
             if (waitMs && r.rtt > static_cast<double>(*waitMs)) {
                 stats.outOfWait++;
                 continue;
@@ -294,23 +362,32 @@ int pingMain(ToolContext& c) {
             if (quiet)
                 continue;
             if (payload >= 8)
-                c.out += format("%ld bytes from %s: icmp_seq=%ld ttl=%d time=%.3f ms\n", payload + 8,
-                                target->str().c_str(), seq, r.ttl, r.rtt);
+                timeline.out(repliedAt, format("%ld bytes from %s: icmp_seq=%ld ttl=%d time=%.3f ms\n", payload + 8,
+                                               target->str().c_str(), seq, r.ttl, r.rtt));
             else
-                c.out += format("%ld bytes from %s: icmp_seq=%ld ttl=%d\n", payload + 8, target->str().c_str(), seq,
-                                r.ttl);
+                timeline.out(repliedAt, format("%ld bytes from %s: icmp_seq=%ld ttl=%d\n", payload + 8,
+                                               target->str().c_str(), seq, r.ttl));
         }
         s.save();
-        delay = net.probeDelayMs / 1000.0;
+        end = trainEnd(sends, interval, lastReplyAt, lost, net.probeDelayMs / 1000.0);
     }
-    if (lost)
-        c.wait(delay);
+    timeline.play(c, end);
     c.out += stats.summary(hostArg, "ping", "stddev", payload >= 8);
     return stats.received ? 0 : 2;
 }
 
 int ping6Main(ToolContext& c) {
-    const GetoptResult g = getopt(c.args, "a:b:B:c:dDfg:h:HI:i:l:mnNop:qrRs:S:tvwWz:", true);
+    bool assumedOptions = false;
+    {
+        Session s(c.paths);
+        assumedOptions = s.net().ping6AssumedOptions;
+    }
+    // macOS's ping6 has no wait-time option: -W is a node-information query
+    // without a value, so "-W 2000" leaves 2000 as an operand (a hop).
+    const GetoptResult g = getopt(c.args,
+                                  assumedOptions ? "a:b:B:c:dDfg:h:HI:i:l:mnNop:qrRs:S:tvwW:z:"
+                                                 : "a:b:B:c:dDfg:h:HI:i:l:mnNop:qrRs:S:tvwWz:",
+                                  true);
     auto usageExit = [&]() {
         c.err += "usage: ping6 [-DdfHmnNoqrRtvwW] [-a addrtype] [-b bufsiz] [-B boundif] [-c count]\n"
                  "\t[-g gateway] [-h hoplimit] [-I interface] [-i wait] [-l preload]\n"
@@ -353,13 +430,20 @@ int ping6Main(ToolContext& c) {
         case 'q': quiet = true; break;
         case 'I': scope = o.value; break;
         case 'B': bound = o.value; break;
-        case 'w':
         case 'W':
+            if (assumedOptions) {
+                const auto v = longIn(o.value, 0);
+                if (!v)
+                    return refuse(c, "ping6: illegal wait time -- " + o.value + "\n", 1);
+                break;
+            }
+            nodeInfo = true;
+            break;
+        case 'w':
         case 't': nodeInfo = true; break;
         default: break;
         }
     }
-    (void)interval;
     if (g.operands.empty())
         return usageExit();
     const std::string& hostArg = g.operands.back();
@@ -375,8 +459,9 @@ int ping6Main(ToolContext& c) {
         }
 
     RttStats stats;
+    Timeline timeline;
     bool lost = false;
-    double delay = 0;
+    double end = 0;
     const auto id = static_cast<std::uint16_t>(::getpid() & 0xffff);
     {
         Session s(c.paths);
@@ -401,17 +486,28 @@ int ping6Main(ToolContext& c) {
             dst += "%" + route->ifname;
         c.out += format("PING6(%ld=40+8+%ld bytes) %s --> %s\n", 48 + payload, payload, src.c_str(), dst.c_str());
         const long sends = count < 0 ? 1 : count;
+        double lastReplyAt = 0;
         for (long seq = 0; seq < sends; ++seq) {
+            const double sentAt = static_cast<double>(seq) * interval;
             stats.transmitted++;
             EchoResult r;
             if (!route) {
-                c.err += "ping6: sendmsg: No route to host\n";
-                c.out += format("ping6: wrote %s %ld chars, ret=-1\n", hostArg.c_str(), 8 + payload);
+                timeline.err(sentAt, "ping6: sendmsg: No route to host\n");
+                timeline.out(sentAt, format("ping6: wrote %s %ld chars, ret=-1\n", hostArg.c_str(), 8 + payload));
             } else if (!nodeInfo) {
-                r = echo(s, *route, *target, id, static_cast<std::uint32_t>(payload), dontFragment);
+                r = echo(s, *route, *target, id, static_cast<std::uint32_t>(payload), dontFragment, seq);
                 if (r.tooBigLocal) {
-                    c.err += "ping6: sendmsg: Message too long\n";
-                    c.out += format("ping6: wrote %s %ld chars, ret=-1\n", hostArg.c_str(), 8 + payload);
+                    timeline.err(sentAt, "ping6: sendmsg: Message too long\n");
+                    timeline.out(sentAt, format("ping6: wrote %s %ld chars, ret=-1\n", hostArg.c_str(), 8 + payload));
+                }
+                if (r.pathMtu) {
+                    // A router's Packet Too Big, if pf lets it in.
+                    Packet err = icmpEcho(Direction::In, route->ifname, net.gateway6, route->src, false, 0, 48);
+                    err.icmpType = 2;
+                    err.icmpCode = 0;
+                    if (filter(s, err).pass)
+                        timeline.out(sentAt, format("%ld bytes from %s: Packet too big mtu = %d\n", 48 + payload,
+                                                    net.gateway6.str().c_str(), r.pathMtu));
                 }
             }
             if (!r.replied) {
@@ -419,20 +515,22 @@ int ping6Main(ToolContext& c) {
                 continue;
             }
             stats.received++;
+            const double repliedAt = sentAt + r.rtt / 1000.0;
+            lastReplyAt = std::max(lastReplyAt, repliedAt);
             stats.add(r.rtt);
             if (quiet)
                 continue;
             if (payload >= 8)
-                c.out += format("%ld bytes from %s, icmp_seq=%ld hlim=%d time=%.3f ms\n", payload + 8, dst.c_str(),
-                                seq, r.ttl, r.rtt);
+                timeline.out(repliedAt, format("%ld bytes from %s, icmp_seq=%ld hlim=%d time=%.3f ms\n", payload + 8,
+                                               dst.c_str(), seq, r.ttl, r.rtt));
             else
-                c.out += format("%ld bytes from %s, icmp_seq=%ld hlim=%d\n", payload + 8, dst.c_str(), seq, r.ttl);
+                timeline.out(repliedAt, format("%ld bytes from %s, icmp_seq=%ld hlim=%d\n", payload + 8, dst.c_str(),
+                                               seq, r.ttl));
         }
         s.save();
-        delay = net.probeDelayMs / 1000.0;
+        end = trainEnd(sends, interval, lastReplyAt, lost, net.probeDelayMs / 1000.0);
     }
-    if (lost)
-        c.wait(delay);
+    timeline.play(c, end);
     c.out += stats.summary(hostArg, "ping6", "std-dev", payload >= 8);
     return stats.received ? 0 : 2;
 }

@@ -21,6 +21,9 @@ struct ToolContext {
     std::function<std::string()> readStdin;
     // Sleeps for the simulated time a tool would wait (probe time-outs).
     std::function<void(double seconds)> wait;
+    // Writes what is in `out` so far and empties it (tools that print as
+    // they go, such as a ping train); absent when output must be held back.
+    std::function<void()> flush;
 };
 
 struct ToolEntry {
@@ -66,5 +69,6 @@ int ncMain(ToolContext& c);
 int ipconfigMain(ToolContext& c);
 int pkgutilMain(ToolContext& c);
 int launchctlMain(ToolContext& c);
+int logMain(ToolContext& c);
 
 } // namespace orven::macsim
