@@ -30,6 +30,10 @@ public:
     {
         return inner_.forceConfigurationRefresh(bsdName);
     }
+    std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override
+    {
+        return inner_.openPreferences(name);
+    }
 
 private:
     Host& inner_;

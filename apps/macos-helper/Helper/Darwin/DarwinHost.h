@@ -39,6 +39,8 @@ public:
     StoreCopy copyDynamicStore(std::string_view sessionName, std::string_view pattern) override;
     std::optional<std::vector<std::string>> networkInterfaceNames() override;
     bool forceConfigurationRefresh(std::string_view bsdName) override;
+    // SCPreferences sessions (DarwinPreferences.mm).
+    std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override;
 
 private:
     OSLogSink sink_;

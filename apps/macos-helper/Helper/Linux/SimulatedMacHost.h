@@ -27,6 +27,8 @@ public:
     StoreCopy copyDynamicStore(std::string_view sessionName, std::string_view pattern) override;
     std::optional<std::vector<std::string>> networkInterfaceNames() override;
     bool forceConfigurationRefresh(std::string_view bsdName) override;
+    // The simulated Mac's preferences (SimulatedMacPreferences.cpp).
+    std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override;
 
 private:
     // Runs the simulator's own command for this root.
