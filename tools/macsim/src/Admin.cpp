@@ -781,6 +781,7 @@ int scChange(Session& s, const std::vector<std::string>& args) {
         }
         for (const auto& w : writes)
             writePreference(net, w[0].get<std::string>(), w[1]);
+        net.preferencesChanged();
     }
     s.touchNet();
     s.save();

@@ -104,7 +104,6 @@ void writePreference(NetModel& net, const std::string& path, const json& value) 
     for (auto it = net.preferencePaths.begin(); it != net.preferencePaths.end();)
         it = it->first.starts_with(normal + "/") ? net.preferencePaths.erase(it) : std::next(it);
     net.preferencePaths[normal] = value.dump();
-    net.preferencesChanged();
 }
 
 void applyPreferences(NetModel& net) {

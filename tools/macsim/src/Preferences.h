@@ -19,6 +19,7 @@ namespace orven::macsim {
 nlohmann::json preferencesOf(const NetModel& net);
 
 // A committed write: `value` now stands at `path` ("/Sets/<id>/Network/...").
+// The caller counts the commit as one change of the preferences.
 void writePreference(NetModel& net, const std::string& path, const nlohmann::json& value);
 
 // SCPreferencesApplyChanges: the configured MTU of each attached interface

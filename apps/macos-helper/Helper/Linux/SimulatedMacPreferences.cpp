@@ -128,7 +128,7 @@ public:
         }
         const auto& [range, entity] = found->second;
         // 0 removes the setting; anything else must lie in the device's range.
-        if (mtu != 0 && (mtu < range.minimum || mtu > range.maximum)) return fail(kSCStatusInvalidArgument), false;
+        if (mtu != 0 && (mtu < range.minimum || mtu > range.maximum)) return refuse(kSCStatusInvalidArgument);
         const auto set = currentSetID();
         if (!set) return false;
         const std::string path = "/Sets/" + *set + "/Network/Interface/" + *deviceOf(serviceID);
@@ -183,6 +183,11 @@ private:
         lastError_ = code;
         return std::nullopt;
     }
+    bool refuse(int code)
+    {
+        lastError_ = code;
+        return false;
+    }
 
     bool change(const std::vector<std::string>& arguments)
     {
@@ -196,7 +201,7 @@ private:
     bool write(std::string_view path, const Json& value)
     {
         const auto at = pointer(path);
-        if (!at) return fail(kSCStatusInvalidArgument), false;
+        if (!at) return refuse(kSCStatusInvalidArgument);
         snapshot_[*at] = value;
         writes_.emplace_back(std::string(path), value);
         return true;
