@@ -54,6 +54,15 @@ protected:
         return tools;
     }
     bool logged(std::string_view line) const { return daemon.log.contains(line); }
+    // The simulated Mac's own record of the tools that ran (configd's
+    // commits and applies are not tools).
+    std::vector<std::string> recordedTools() const
+    {
+        std::vector<std::string> tools;
+        for (const auto& call : daemon.mac.calls())
+            if (call["tool"] != "configd") tools.push_back(call["tool"].get<std::string>());
+        return tools;
+    }
 };
 
 void expectRefused(const ActionCapture& reply, const std::string& message)
@@ -113,6 +122,7 @@ TEST_P(Addressing, ValidatesThenConfiguresThroughNetworksetup)
     if (c.refusal) {
         expectRefused(reply, *c.refusal);
         EXPECT_TRUE(toolsRun().empty()) << "a tool ran after a refusal";
+        EXPECT_TRUE(recordedTools().empty());
         EXPECT_TRUE(daemon.log.records().empty());
         return;
     }
@@ -265,6 +275,7 @@ TEST_P(MTURefusals, ChangeNothing)
     EXPECT_EQ(logged("setInterfaceMTU failed: " + GetParam().message), GetParam().logged);
     EXPECT_EQ(preferences(), before);
     EXPECT_TRUE(toolsRun().empty());
+    EXPECT_TRUE(recordedTools().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -471,6 +482,7 @@ TEST_F(DriverRestore, RefusesTunnelsAndConfiguredServicesBeforeAnyTool)
     service.restoreDriverProvisionedInterface("", invalid.reply());
     expectRefused(invalid, "Invalid interface name.");
     EXPECT_TRUE(toolsRun().empty());
+    EXPECT_TRUE(recordedTools().empty());
 }
 
 TEST_F(DriverRestore, UnreadableOwnershipIsARefusal)
@@ -513,6 +525,7 @@ TEST_F(DriverRestore, AServiceConfiguredWhileItRunsIsNotDisplaced)
     expectRefused(reply,
                   "en7 became a configured network service while the repair was running — refusing to displace it.");
     EXPECT_EQ(toolsRun(), std::vector<std::string>{std::string(paths::ifconfig)}) << "DHCP was touched";
+    EXPECT_EQ(recordedTools(), std::vector<std::string>{"ifconfig"});
     EXPECT_EQ(interface("en7")["up"], true) << "nothing is rolled back";
     EXPECT_FALSE(network()["leases"].contains("en7"));
 }

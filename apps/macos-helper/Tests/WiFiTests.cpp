@@ -125,6 +125,7 @@ TEST_F(WiFi, BadNamesSSIDsAndSecurityTypesStartNothing)
         EXPECT_EQ(reply.get<1>(), message);
     }
     EXPECT_TRUE(daemon.host.runs().empty());
+    EXPECT_TRUE(daemon.mac.calls().empty());
     expectPasswordNowhere();
 }
 
