@@ -732,6 +732,7 @@ nlohmann::json dynamicStore(const NetModel& net) {
         if (svc.device && *svc.device == net.gatewayInterface && primaryService.empty())
             primaryService = svc.id;
     }
+    store.update(interfaceSetupKeys(net));
     json global = {{"PrimaryInterface", net.gatewayInterface}};
     if (net.gateway4.family != Family::None)
         global["Router"] = net.gateway4.str();

@@ -96,6 +96,29 @@ json preferencesOf(const NetModel& net) {
     return prefs;
 }
 
+json interfaceSetupKeys(const NetModel& net) {
+    json keys = json::object();
+    const json prefs = preferencesOf(net);
+    const json::json_pointer base("/Sets/" + net.setId + "/Network/Interface");
+    if (!prefs.contains(base) || !prefs.at(base).is_object())
+        return keys;
+    const auto publish = [&keys](const std::string& key, const json& dictionary, auto& self) -> void {
+        json flat = json::object();
+        for (const auto& [name, value] : dictionary.items()) {
+            if (value.is_object())
+                self(key + "/" + name, value, self);
+            else
+                flat[name] = value.is_string() ? value : json(); // the store's copies carry strings only
+        }
+        if (!flat.empty())
+            keys[key] = flat;
+    };
+    for (const auto& [bsd, dictionary] : prefs.at(base).items())
+        if (dictionary.is_object())
+            publish("Setup:/Network/Interface/" + bsd, dictionary, publish);
+    return keys;
+}
+
 void writePreference(NetModel& net, const std::string& path, const json& value) {
     std::string normal;
     for (const auto& part : components(path))

@@ -18,6 +18,12 @@ namespace orven::macsim {
 // value written at a path laid over.
 nlohmann::json preferencesOf(const NetModel& net);
 
+// What configd publishes for the current set's per-interface settings:
+// `Setup:/Network/Interface/<bsd>` with the dictionary's non-dictionary
+// values, and one key more for each dictionary in it (`.../AirPort`), empty
+// dictionaries left out.
+nlohmann::json interfaceSetupKeys(const NetModel& net);
+
 // A committed write: `value` now stands at `path` ("/Sets/<id>/Network/...").
 // The caller counts the commit as one change of the preferences.
 void writePreference(NetModel& net, const std::string& path, const nlohmann::json& value);

@@ -93,6 +93,20 @@ TEST(NetworkModel, CommitsAreStaleAfterAChangeAndFaultsChooseTheSCError) {
     EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
+TEST(NetworkModel, InterfaceSettingsOfTheCurrentSetArePublishedInTheStore) {
+    const Mac mac;
+    const json prefs = json::parse(mac.macsim({"sc", mac.root(), "preferences"}).out);
+    const std::string set = prefs["preferences"]["CurrentSet"].get<std::string>();
+    const std::string writes = "[[\"" + set + "/Network/Interface/en0\", {\"DisableUntilNeeded\": 1, "
+                               "\"AirPort\": {\"MTU\": 1400}, \"Ethernet\": {}}]]";
+    const Result r =
+        mac.macsim({"sc", mac.root(), "commit", std::to_string(prefs["generation"].get<long>()), writes});
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    const json store = json::parse(mac.macsim({"sc", mac.root(), "copy-store", "Setup:/Network/Interface/.*"}).out);
+    EXPECT_EQ(store, json({{"Setup:/Network/Interface/en0", {{"DisableUntilNeeded", nullptr}}},
+                           {"Setup:/Network/Interface/en0/AirPort", {{"MTU", nullptr}}}}));
+}
+
 TEST(NetworkModel, TheWiFiPasswordIsNeverRecorded) {
     const Mac mac;
     const Result r = mac.tool("/usr/sbin/networksetup",
