@@ -431,9 +431,19 @@ INSTANTIATE_TEST_SUITE_P(
                  isolation("en0", "192.168.1.1", "192.168.1.0/24", json::array({std::string("192.168.1.53\0", 13)}))},
         BadInput{"IsolationHugeDNSList", kIsolation,
                  isolation("en0", "192.168.1.1", "192.168.1.0/24", json(std::vector<std::string>(20000, "x")))},
-        BadInput{"NotAvailableIPv4", "applyIPv4WithServiceName:mode:ip:subnetMask:router:reply:",
+        BadInput{"IPv4SlashInServiceName", "applyIPv4WithServiceName:mode:ip:subnetMask:router:reply:",
                  json::array({"Wi-Fi/../x", "manual", "1.2.3.4", "255.0.0.0", "1.2.3.1"})},
-        BadInput{"NotAvailableWiFi", "setWiFiPowerWithServiceName:on:reply:", json::array({"Wi-Fi\u0007", true})}),
+        BadInput{"WiFiBellInServiceName", "setWiFiPowerWithServiceName:on:reply:", json::array({"Wi-Fi\u0007", true})},
+        BadInput{"TunnelMTUOutOfRange", "setRawInterfaceMTUWithBsdName:mtu:reply:", json::array({"utun0", 1501})},
+        BadInput{"ConfiguredMTUOnATunnel", "setInterfaceMTUWithBsdName:mtu:reply:", json::array({"utun3", 1400})},
+        BadInput{"HoldOnABadName", "setInterfaceHoldUntilNeededWithBsdName:hold:reply:", json::array({"en0;", true})},
+        BadInput{"RestoreATunnel", "restoreDriverProvisionedInterfaceWithBsdName:reply:", json::array({"utun2"})},
+        BadInput{"IPv6PrefixTooLong", "applyIPv6WithServiceName:mode:router:address:prefixLength:reply:",
+                 json::array({"Wi-Fi", "manual", "fe80::1", "2001:db8::5", 129})},
+        BadInput{"SSIDTooLong", "addPreferredWiFiNetworkWithServiceName:ssid:securityType:password:reply:",
+                 json::array({"en0", std::string(33, 'x'), "WPA2", "secret-password"})},
+        BadInput{"OrderTooLong", "setServiceOrderWithOrderedServiceNames:reply:",
+                 json::array({json(std::vector<std::string>(65, "Wi-Fi"))})}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(EndToEnd, MalformedAndOversizedLinesRunNoTool)
