@@ -546,3 +546,36 @@ TEST_F(DriverRestore, ToolFailuresNameTheToolAndItsWords)
 
 } // namespace
 } // namespace orven
+
+namespace orven {
+namespace {
+
+// The simulated Mac's preferences session itself: what it reads, and the
+// paths and services it cannot write or measure.
+TEST_F(NetworkConfiguration, PreferencesSessionReadsTheSetAndRefusesImpossiblePaths)
+{
+    macsim("service", {"add", "Corporate VPN", "--no-device"});
+    const auto session = daemon.host.openPreferences(OrvenHelperConstants::machServiceName);
+    ASSERT_TRUE(session);
+    EXPECT_EQ(session->currentSetID(), "3C1E9A52-6B0D-4F7E-8A21-5D9C0B7F4E13");
+    const auto services = session->currentSetServices();
+    ASSERT_TRUE(services);
+    ASSERT_EQ(services->size(), 3u);
+    EXPECT_EQ(session->currentSetServiceOrder().size(), 3u);
+    for (const auto& service : *services) {
+        if (service.bsdName) continue;
+        // A VPN service has no device to measure.
+        EXPECT_EQ(session->copyMTU(service.serviceID), std::nullopt);
+        EXPECT_EQ(session->lastError(), 1002);
+    }
+    EXPECT_FALSE(session->pathSetValue("/CurrentSet/inside", {}));
+    EXPECT_EQ(session->lastError(), 1002);
+    EXPECT_FALSE(session->pathSetValue("relative", {}));
+    const std::string order = "/Sets/3C1E9A52-6B0D-4F7E-8A21-5D9C0B7F4E13/Network/Global/IPv4/ServiceOrder";
+    EXPECT_EQ(session->pathGetValue(order), std::nullopt) << "an array is not a dictionary";
+    EXPECT_EQ(session->pathGetValue(order + "/x"), std::nullopt);
+    EXPECT_EQ(session->pathGetValue("/Nowhere"), std::nullopt);
+}
+
+} // namespace
+} // namespace orven

@@ -69,7 +69,7 @@ public:
 
     std::optional<std::string> currentSetID() override
     {
-        const auto current = snapshot_.value("CurrentSet", "");
+        const auto current = currentSetPath();
         if (!text::startsWith(current, "/Sets/") || current.size() == 6) return fail(kSCStatusNoKey);
         return current.substr(6);
     }
@@ -79,9 +79,9 @@ public:
         const auto set = setNode();
         if (!set) return fail(kSCStatusNoKey);
         std::vector<Host::NetworkService> services;
-        const auto links = set->find("Network");
-        if (links == set->end() || !links->contains("Service")) return services;
-        for (const auto& [id, link] : (*links)["Service"].items()) {
+        const Json::json_pointer at("/Network/Service");
+        if (!set->contains(at) || !set->at(at).is_object()) return services;
+        for (const auto& [id, link] : set->at(at).items()) {
             (void)link;
             Host::NetworkService service{id, std::nullopt};
             const auto device = serviceInterface(id);
@@ -202,7 +202,12 @@ private:
     {
         const auto at = pointer(path);
         if (!at) return refuse(kSCStatusInvalidArgument);
-        snapshot_[*at] = value;
+        try {
+            snapshot_[*at] = value;
+        } catch (const Json::exception&) {
+            // A path through a value that is not a dictionary.
+            return refuse(kSCStatusInvalidArgument);
+        }
         writes_.emplace_back(std::string(path), value);
         return true;
     }
@@ -210,14 +215,26 @@ private:
     std::optional<Json> valueAt(std::string_view path) const
     {
         const auto at = pointer(path);
-        if (!at || !snapshot_.contains(*at)) return std::nullopt;
-        return snapshot_.at(*at);
+        try {
+            if (!at || !snapshot_.contains(*at)) return std::nullopt;
+            return snapshot_.at(*at);
+        } catch (const Json::exception&) {
+            return std::nullopt;  // a path through an array
+        }
+    }
+
+    // "/Sets/<id>", or empty when the snapshot has no such string.
+    std::string currentSetPath() const
+    {
+        const auto found = snapshot_.find("CurrentSet");
+        return found != snapshot_.end() && found->is_string() ? found->get<std::string>() : std::string();
     }
 
     std::optional<Json> setNode() const
     {
-        const auto current = snapshot_.value("CurrentSet", "");
-        return valueAt(current);
+        const auto node = valueAt(currentSetPath());
+        if (!node || !node->is_object()) return std::nullopt;
+        return node;
     }
 
     std::optional<Json> serviceInterface(const std::string& serviceID) const
