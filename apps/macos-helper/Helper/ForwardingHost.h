@@ -36,6 +36,10 @@ public:
     {
         return inner_.linkAddress(interface);
     }
+    std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override
+    {
+        return inner_.openPreferences(name);
+    }
 
 private:
     Host& inner_;

@@ -57,6 +57,8 @@ inline constexpr std::string_view nc = "/usr/bin/nc";
 inline constexpr std::string_view pkgutil = "/usr/sbin/pkgutil";
 inline constexpr std::string_view launchctl = "/bin/launchctl";
 inline constexpr std::string_view log = "/usr/bin/log";
+inline constexpr std::string_view ifconfig = "/sbin/ifconfig";
+inline constexpr std::string_view knownWiFiNetworks = "/Library/Preferences/com.apple.wifi.known-networks.plist";
 } // namespace paths
 
 class HelperService {
@@ -299,6 +301,31 @@ public:
     static void kickDHCPRenewal(DaemonContext& context);
     static SetupOwnership::Result setupOwnedInterfaces(DaemonContext& context);
     static bool forceConfigurationRefresh(DaemonContext& context, std::string_view bsdName);
+
+    // --- Network configuration and Wi-Fi ------------------------------------
+
+    void applyIPv4(const std::string& serviceName, const std::string& mode, const std::string& ip,
+                   const std::string& subnetMask, const std::string& router, ActionReply reply);
+    void applyIPv6(const std::string& serviceName, const std::string& mode, const std::string& router,
+                   const std::string& address, std::int64_t prefixLength, ActionReply reply);
+    void listServiceOrder(Reply<OptionalText, OptionalText> reply);
+    void setServiceOrder(const std::vector<std::string>& orderedServiceNames, ActionReply reply);
+    void setInterfaceMTU(const std::string& bsdName, std::int64_t mtu, ActionReply reply);
+    void setRawInterfaceMTU(const std::string& bsdName, std::int64_t mtu, ActionReply reply);
+    void setInterfaceHoldUntilNeeded(const std::string& bsdName, std::optional<std::int64_t> hold, ActionReply reply);
+    void restoreDriverProvisionedInterface(const std::string& bsdName, ActionReply reply);
+    void setWiFiPower(const std::string& serviceName, bool on, ActionReply reply);
+    void addPreferredWiFiNetwork(const std::string& serviceName, const std::string& ssid,
+                                 const std::string& securityType, const std::string& password, ActionReply reply);
+    void readKnownWiFiPlistData(Reply<std::optional<std::vector<std::uint8_t>>, OptionalText> reply);
+
+    static bool isValidIPv4(std::string_view text);
+    static bool isValidIPv4SubnetMask(std::string_view text);
+    static bool isValidIPv6(std::string_view text);
+    static bool isValidSSID(std::string_view ssid);
+    static bool isAcceptedWiFiSecurityType(std::string_view type);
+    // The "mtu N" of an ifconfig listing's first line; absent when it has none.
+    static std::optional<std::int64_t> ifconfigReportedMTU(std::string_view listing);
 
     // --- Self-management -----------------------------------------------------
 

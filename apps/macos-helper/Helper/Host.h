@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "BoundedProcess.h"
@@ -98,6 +99,55 @@ public:
     virtual LinkChannelOpening openLinkChannel(std::string_view interface) = 0;
     // The interface's own 6-byte hardware address, if it has one.
     virtual std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) = 0;
+    // --- SystemConfiguration preferences --------------------------------------
+
+    // A value the daemon does not look into (array, nested dictionary, data,
+    // date), held as the platform holds it so that a dictionary written back
+    // keeps it exactly.
+    struct PreferencesOpaque {
+        std::shared_ptr<const void> value;
+    };
+    using PreferencesValue = std::variant<std::int64_t, double, bool, std::string, PreferencesOpaque>;
+    using PreferencesDictionary = std::map<std::string, PreferencesValue>;
+
+    struct NetworkService {
+        std::string serviceID;
+        std::optional<std::string> bsdName;  // absent when the interface has none (VPN services)
+    };
+    struct MTURange {
+        int current = 0;
+        int minimum = 0;
+        int maximum = 0;
+    };
+
+    // One SCPreferences session. Reads see the configuration as it was when
+    // the session was opened; writes stay in the session until committed.
+    // Each member is one SystemConfiguration call; a failed call leaves its
+    // code for lastError().
+    class PreferencesSession {
+    public:
+        virtual ~PreferencesSession() = default;
+        // SCNetworkSetCopyCurrent, SCNetworkSetGetSetID.
+        virtual std::optional<std::string> currentSetID() = 0;
+        // SCNetworkSetCopyServices of the current set as it lists them, each
+        // with SCNetworkServiceGetInterface and SCNetworkInterfaceGetBSDName.
+        virtual std::optional<std::vector<NetworkService>> currentSetServices() = 0;
+        // SCNetworkSetGetServiceOrder of the current set (service identifiers).
+        virtual std::vector<std::string> currentSetServiceOrder() = 0;
+        // SCNetworkInterfaceCopyMTU / SCNetworkInterfaceSetMTU of a service's interface.
+        virtual std::optional<MTURange> copyMTU(std::string_view serviceID) = 0;
+        virtual bool setMTU(std::string_view serviceID, int mtu) = 0;
+        // SCPreferencesPathGetValue: absent when there is no value or it is
+        // not a string-keyed dictionary. SCPreferencesPathSetValue.
+        virtual std::optional<PreferencesDictionary> pathGetValue(std::string_view path) = 0;
+        virtual bool pathSetValue(std::string_view path, const PreferencesDictionary& value) = 0;
+        virtual bool commitChanges() = 0;
+        virtual bool applyChanges() = 0;
+        // SCError().
+        virtual int lastError() const = 0;
+    };
+    // SCPreferencesCreate with that name; absent when no session can be had.
+    virtual std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) = 0;
 };
 
 } // namespace orven

@@ -25,6 +25,7 @@
 #include "HelperService.h"
 #include "Linux/SocketClient.h"
 #include "Support/DaemonProcess.h"
+#include "MethodDispatch.h"
 #include "Support/SimulatedMac.h"
 
 namespace orven {
@@ -273,9 +274,19 @@ INSTANTIATE_TEST_SUITE_P(
                  isolation("en0", "192.168.1.1", "192.168.1.0/24", json::array({std::string("192.168.1.53\0", 13)}))},
         BadInput{"IsolationHugeDNSList", kIsolation,
                  isolation("en0", "192.168.1.1", "192.168.1.0/24", json(std::vector<std::string>(20000, "x")))},
-        BadInput{"NotAvailableIPv4", "applyIPv4WithServiceName:mode:ip:subnetMask:router:reply:",
+        BadInput{"IPv4SlashInServiceName", "applyIPv4WithServiceName:mode:ip:subnetMask:router:reply:",
                  json::array({"Wi-Fi/../x", "manual", "1.2.3.4", "255.0.0.0", "1.2.3.1"})},
-        BadInput{"NotAvailableWiFi", "setWiFiPowerWithServiceName:on:reply:", json::array({"Wi-Fi\u0007", true})}),
+        BadInput{"WiFiBellInServiceName", "setWiFiPowerWithServiceName:on:reply:", json::array({"Wi-Fi\u0007", true})},
+        BadInput{"TunnelMTUOutOfRange", "setRawInterfaceMTUWithBsdName:mtu:reply:", json::array({"utun0", 1501})},
+        BadInput{"ConfiguredMTUOnATunnel", "setInterfaceMTUWithBsdName:mtu:reply:", json::array({"utun3", 1400})},
+        BadInput{"HoldOnABadName", "setInterfaceHoldUntilNeededWithBsdName:hold:reply:", json::array({"en0;", true})},
+        BadInput{"RestoreATunnel", "restoreDriverProvisionedInterfaceWithBsdName:reply:", json::array({"utun2"})},
+        BadInput{"IPv6PrefixTooLong", "applyIPv6WithServiceName:mode:router:address:prefixLength:reply:",
+                 json::array({"Wi-Fi", "manual", "fe80::1", "2001:db8::5", 129})},
+        BadInput{"SSIDTooLong", "addPreferredWiFiNetworkWithServiceName:ssid:securityType:password:reply:",
+                 json::array({"en0", std::string(33, 'x'), "WPA2", "secret-password"})},
+        BadInput{"OrderTooLong", "setServiceOrderWithOrderedServiceNames:reply:",
+                 json::array({json(std::vector<std::string>(65, "Wi-Fi"))})}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(EndToEnd, MalformedAndOversizedLinesRunNoTool)
@@ -363,6 +374,61 @@ TEST_F(EndToEnd, TheLinkDiagnosticsAnswerThroughTheDaemon)
     EXPECT_NE(reply[0].get<std::string>().find("NEIKEv2Provider: IKE SA state Connected to vpn.example.com"),
               std::string::npos);
     EXPECT_TRUE(reply[1].is_null());
+}
+
+} // namespace
+} // namespace orven
+
+namespace orven {
+namespace {
+
+// Network configuration and Wi-Fi: every method answers through the daemon
+// itself, and what it configured is what networksetup reads back.
+TEST_F(EndToEnd, EveryNetworkAndWiFiMethodAnswers)
+{
+    auto daemon = start();
+    Client client(socketPath);
+    const std::string password = "pw-for-the-cafe-42";
+    const std::vector<std::tuple<std::string, json, json>> calls{
+        {"applyIPv4WithServiceName:mode:ip:subnetMask:router:reply:",
+         json::array({"Wi-Fi", "manual", "10.0.0.5", "255.255.255.0", "10.0.0.1"}), kOK},
+        {"applyIPv6WithServiceName:mode:router:address:prefixLength:reply:",
+         json::array({"Wi-Fi", "manual", "fe80::1", "2001:db8::5", 64}), kOK},
+        {"setServiceOrderWithOrderedServiceNames:reply:", json::array({json::array({"Thunderbolt Bridge", "Wi-Fi"})}),
+         kOK},
+        {"setInterfaceMTUWithBsdName:mtu:reply:", json::array({"en0", 1400}), kOK},
+        {"setRawInterfaceMTUWithBsdName:mtu:reply:", json::array({"utun0", 1400}), kOK},
+        {"setInterfaceHoldUntilNeededWithBsdName:hold:reply:", json::array({"bridge0", true}), kOK},
+        {"restoreDriverProvisionedInterfaceWithBsdName:reply:", json::array({"en0"}),
+         json::array({false, "en0 is a configured network service — not driver-provisioned."})},
+        {"setWiFiPowerWithServiceName:on:reply:", json::array({"en0", false}), kOK},
+        {"addPreferredWiFiNetworkWithServiceName:ssid:securityType:password:reply:",
+         json::array({"en0", "Cafe", "WPA2", password}), kOK},
+    };
+    for (const auto& [selector, arguments, expected] : calls) {
+        const auto answer = client.call(request(selector, arguments));
+        ASSERT_TRUE(answer && answer->is_object()) << selector;
+        EXPECT_FALSE(answer->contains("error")) << *answer;
+        EXPECT_EQ((*answer)["reply"], expected) << selector;
+    }
+    const auto order = client.call(request("listServiceOrderWithReply:"));
+    ASSERT_TRUE(order);
+    EXPECT_EQ((*order)["reply"][1], nullptr);
+    EXPECT_EQ((*order)["reply"][0].get<std::string>().rfind("An asterisk (*) denotes that a network service is "
+                                                            "disabled.\n(1) Thunderbolt Bridge\n",
+                                                            0),
+              0u)
+        << *order;
+    const auto known = client.call(request("readKnownWiFiPlistDataWithReply:"));
+    ASSERT_TRUE(known);
+    const auto bytes = MethodDispatch::base64Decode((*known)["reply"][0].get<std::string>());
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), mac.readFile(paths::knownWiFiNetworks));
+
+    const auto info = mac.tool("/usr/sbin/networksetup", {"-getinfo", "Wi-Fi"}).out;
+    EXPECT_NE(info.find("IP address: 10.0.0.5\nSubnet mask: 255.255.255.0\nRouter: 10.0.0.1\n"), std::string::npos)
+        << info;
+    EXPECT_EQ(daemon->log().find(password), std::string::npos);
 }
 
 } // namespace

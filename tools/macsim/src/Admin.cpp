@@ -20,6 +20,7 @@
 #include <nlohmann/json.hpp>
 
 #include "PfListing.h"
+#include "Preferences.h"
 #include "Probe.h"
 #include "Stock.h"
 #include "SystemLog.h"
@@ -46,13 +47,17 @@ constexpr std::string_view kHelp = R"(usage: macsim <command> ROOT [arguments]
                                     ask pf about one packet; exit 0 if it passes, 1 if not
   flow ROOT open tcp|udp HOST PORT [--if IF] | list | close ID|all
   show ROOT main | anchor NAME | references | states | counters | enabled | boottime | skip
+           | network | preferences
   set ROOT probe-delay MS | altq on|off | target HOST up|down|rtt MS[,MS...]|mtu N [via IF]
-           | target HOST loss SEQ[,SEQ...]|none | interface IF up|down|mtu N
+           | target HOST loss SEQ[,SEQ...]|none
+           | interface IF up|down|mtu N|mtu-range MIN MAX|unplug|plug|wifi-power on|off
+           | interface IF add loopback|wifi|ethernet|bridge|tunnel
            | ping6 real|assumed | clock EPOCH|real
   log ROOT add --process NAME --time T --message TEXT [--type TYPE] [--subsystem S]
            [--category C] [--sender S] [--pid N]
                                     add a log entry (T: seconds since 1970, or now-N)
   sc ROOT copy-store PATTERN | interfaces | refresh BSD
+  sc ROOT preferences | mtu BSD | commit GENERATION WRITES | apply
   service ROOT add NAME (--device BSD | --no-device) [--disabled] | list | remove NAME
           | enable NAME | disable NAME
   bench ROOT [--iterations N]       time whole pfctl calls; prints pfctl_call_ms=<median>
@@ -148,7 +153,7 @@ long number(const std::string& text, const std::string& what) {
 int init(const std::string& root) {
     const StorePaths paths(root);
     for (const char* dir : {"/.macsim/launchd", "/sbin", "/bin", "/usr/bin", "/usr/sbin", "/etc/pf.anchors",
-                            "/Library/Application Support", "/var/run", "/Library/LaunchDaemons",
+                            "/Library/Application Support", "/var/run", "/Library/LaunchDaemons", "/Library/Preferences",
                             "/Library/PrivilegedHelperTools/test.orven.app/ORVEN Helper.app"}) {
         std::error_code ec;
         fs::create_directories(root + dir, ec);
@@ -173,6 +178,7 @@ int init(const std::string& root) {
     s.reset(PfModel{}, NetModel::stock());
     bootPf(s, false);
     s.save();
+    writeKnownNetworks(paths, s.net());
     // Booted a while ago, so everything written from now on is newer.
     writeBootTime(paths, secondsNow() - 600);
     return 0;
@@ -621,6 +627,10 @@ int show(const std::string& root, const std::vector<std::string>& args) {
         std::cout << (pf.running ? "enabled" : "disabled") << "\n";
     } else if (what == "boottime") {
         std::cout << readBootTime(paths) << "\n";
+    } else if (what == "network") {
+        std::cout << s.net().toJson().dump(2) << "\n";
+    } else if (what == "preferences") {
+        std::cout << preferencesOf(s.net()).dump(2) << "\n";
     } else if (what == "skip") {
         for (const auto& i : pf.skip)
             std::cout << i << "\n";
@@ -766,6 +776,17 @@ int set(const std::string& root, const std::vector<std::string>& args) {
             s.net().clockEpoch = *epoch;
         }
         s.touchNet();
+    } else if (what == "interface" && args.size() == 4 && args[2] == "add") {
+        if (s.net().findInterface(args[1]))
+            fail("interface " + args[1] + " exists already");
+        static const std::vector<std::string> kinds{"loopback", "wifi", "ethernet", "bridge", "tunnel"};
+        if (std::find(kinds.begin(), kinds.end(), args[3]) == kinds.end())
+            fail("an interface is loopback, wifi, ethernet, bridge or tunnel", 64);
+        Interface itf;
+        itf.name = args[1];
+        itf.kind = args[3];
+        s.net().interfaces.push_back(itf);
+        s.touchNet();
     } else if (what == "interface" && args.size() >= 3) {
         Interface* itf = s.net().findInterface(args[1]);
         if (!itf)
@@ -774,8 +795,17 @@ int set(const std::string& root, const std::vector<std::string>& args) {
             itf->up = args[2] == "up";
         else if (args[2] == "mtu" && args.size() == 4)
             itf->mtu = static_cast<int>(number(args[3], "mtu"));
+        else if (args[2] == "mtu-range" && args.size() == 5) {
+            itf->deviceMtuMin = static_cast<int>(number(args[3], "minimum"));
+            itf->deviceMtuMax = static_cast<int>(number(args[4], "maximum"));
+        } else if (args[2] == "unplug" || args[2] == "plug") {
+            // An unplugged device is gone from the kernel but its service stays configured.
+            itf->attached = args[2] == "plug";
+            itf->up = itf->attached;
+        } else if (args[2] == "wifi-power" && args.size() == 4 && (args[3] == "on" || args[3] == "off"))
+            itf->wifiPower = args[3] == "on";
         else
-            fail("set interface IF up|down|mtu N", 64);
+            fail("set interface IF up|down|mtu N|mtu-range MIN MAX|unplug|plug|wifi-power on|off", 64);
         s.touchNet();
     } else {
         fail("cannot set " + joinArgs(args), 64);
@@ -811,6 +841,7 @@ nlohmann::json dynamicStore(const NetModel& net) {
         if (svc.device && *svc.device == net.gatewayInterface && primaryService.empty())
             primaryService = svc.id;
     }
+    store.update(interfaceSetupKeys(net));
     json global = {{"PrimaryInterface", net.gatewayInterface}};
     if (net.gateway4.family != Family::None)
         global["Router"] = net.gateway4.str();
@@ -825,6 +856,46 @@ nlohmann::json dynamicStore(const NetModel& net) {
                                                                         {"SubnetMasks", nullptr}};
     }
     return store;
+}
+
+// SCPreferencesCommitChanges and SCPreferencesApplyChanges. A failure prints
+// its SCError code and exits 1; a configd fault rule chooses the code with
+// its standard output (kSCStatusFailed, 1001, without one).
+int scChange(Session& s, const std::vector<std::string>& args) {
+    auto fault = consultFaults(s, "configd", {args[0]}, false);
+    s.save();
+    if (fault) {
+        if (fault->delay > 0 || fault->hang)
+            fail("configd faults cannot delay or hang here; use --exit", 64);
+        if (fault->exitStatus && *fault->exitStatus != 0) {
+            const std::string code = fault->out.value_or("");
+            std::cout << (code.empty() ? std::string("1001\n") : code);
+            return 1;
+        }
+    }
+    NetModel& net = s.net();
+    if (args[0] == "apply") {
+        applyPreferences(net);
+    } else {
+        // The session read an older generation: SCPreferences refuses a stale commit.
+        if (number(args[1], "generation") != net.preferencesGeneration) {
+            std::cout << "3005\n";
+            return 1;
+        }
+        const auto writes = nlohmann::json::parse(args[2], nullptr, false);
+        if (!writes.is_array())
+            fail("WRITES is a JSON array of [path, value] pairs", 64);
+        for (const auto& w : writes) {
+            if (!w.is_array() || w.size() != 2 || !w[0].is_string())
+                fail("WRITES is a JSON array of [path, value] pairs", 64);
+        }
+        for (const auto& w : writes)
+            writePreference(net, w[0].get<std::string>(), w[1]);
+        net.preferencesChanged();
+    }
+    s.touchNet();
+    s.save();
+    return 0;
 }
 
 int sc(const std::string& root, const std::vector<std::string>& args) {
@@ -862,7 +933,26 @@ int sc(const std::string& root, const std::vector<std::string>& args) {
         const auto names = net.configurableInterfaces();
         return std::find(names.begin(), names.end(), args[1]) != names.end() ? 0 : 1;
     }
-    fail("sc copy-store PATTERN | interfaces | refresh BSD", 64);
+    if (args[0] == "preferences" && args.size() == 1) {
+        // What SCPreferencesCreate reads, and the generation a commit must match.
+        std::cout << nlohmann::json{{"generation", net.preferencesGeneration}, {"preferences", preferencesOf(net)}}.dump()
+                  << "\n";
+        return 0;
+    }
+    if (args[0] == "mtu" && args.size() == 2) {
+        const auto reading = copyMtu(net, args[1]);
+        if (!reading) {
+            std::cout << "6\n"; // ENXIO: no device
+            return 1;
+        }
+        std::cout << reading->current << " " << reading->minimum << " " << reading->maximum << " " << reading->entity
+                  << "\n";
+        return 0;
+    }
+    if ((args[0] == "commit" && args.size() == 3) || (args[0] == "apply" && args.size() == 1))
+        return scChange(s, args);
+    fail("sc copy-store PATTERN | interfaces | refresh BSD | preferences | mtu BSD | commit GENERATION WRITES | apply",
+         64);
 }
 
 int service(const std::string& root, std::vector<std::string> args) {
@@ -901,6 +991,7 @@ int service(const std::string& root, std::vector<std::string> args) {
             svc.ipv4 = "Automatic";
         }
         net.services.push_back(svc);
+        net.preferencesChanged();
         s.touchNet();
         s.save();
         std::cout << svc.id << "\n";
@@ -915,6 +1006,7 @@ int service(const std::string& root, std::vector<std::string> args) {
             net.services.erase(it);
         else
             it->enabled = sub == "enable";
+        net.preferencesChanged();
         s.touchNet();
         s.save();
         return 0;

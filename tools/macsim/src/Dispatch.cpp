@@ -1,4 +1,5 @@
 #include <csignal>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <regex>
@@ -55,6 +56,8 @@ const std::vector<ToolEntry>& tools() {
         {"pkgutil", "/usr/sbin/pkgutil", pkgutilMain, nullptr},
         {"launchctl", "/bin/launchctl", launchctlMain, nullptr},
         {"log", "/usr/bin/log", logMain, nullptr},
+        {"networksetup", "/usr/sbin/networksetup", networksetupMain, nullptr},
+        {"ifconfig", "/sbin/ifconfig", ifconfigMain, nullptr},
     };
     return table;
 }
@@ -66,10 +69,24 @@ const ToolEntry* findTool(std::string_view name) {
     return nullptr;
 }
 
+std::vector<std::string> recordedArguments(std::string_view tool, const std::vector<std::string>& args) {
+    std::vector<std::string> out = args;
+    // networksetup -addpreferredwirelessnetworkatindex DEVICE SSID INDEX TYPE [PASSWORD]
+    if (tool == "networksetup" && out.size() >= 6) {
+        std::string option = out[0];
+        for (auto& ch : option)
+            ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        if (option == "-addpreferredwirelessnetworkatindex")
+            out[5] = "<password>";
+    }
+    return out;
+}
+
 std::optional<FaultAnswer> consultFaults(Session& session, std::string_view tool,
-                                         const std::vector<std::string>& args, bool mutating) {
+                                         const std::vector<std::string>& givenArgs, bool mutating) {
     std::optional<FaultAnswer> answer;
     auto& faults = session.faults();
+    const std::vector<std::string> args = recordedArguments(tool, givenArgs);
     const std::string joined = joinArgs(args);
     for (std::size_t i = 0; i < faults.size(); ++i) {
         const FaultRule& f = faults[i];

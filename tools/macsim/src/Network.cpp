@@ -65,6 +65,8 @@ NetModel NetModel::stock() {
     bridge.type = "Bridge";
     n.services.push_back(bridge);
     n.managed = {"en0", "bridge0"};
+    n.findService("Wi-Fi")->hardwarePort = "Wi-Fi";
+    n.findInterface("en0")->preferred.push_back({"Home", "WPA2 Personal", true, 1700000000});
     n.receipts = {"test.orven.app.helper"};
     // A connection the Mac already had open when the simulation starts.
     Flow f;
@@ -188,6 +190,26 @@ std::vector<std::string> NetModel::configurableInterfaces() const {
     return out;
 }
 
+Service* NetModel::findService(std::string_view name) {
+    for (auto& s : services)
+        if (s.name == name)
+            return &s;
+    return nullptr;
+}
+
+std::pair<int, int> NetModel::deviceMtuRange(const Interface& itf) const {
+    // What drivers report: Wi-Fi stops at 1500, wired and bridges take
+    // jumbo frames, tunnels take anything the kernel's generic check allows.
+    int lo = 72, hi = 1500;
+    if (itf.kind == "ethernet" || itf.kind == "bridge")
+        hi = 9000;
+    else if (itf.kind == "tunnel")
+        hi = 65535;
+    else if (itf.kind == "loopback")
+        hi = 16384;
+    return {itf.deviceMtuMin > 0 ? itf.deviceMtuMin : lo, itf.deviceMtuMax > 0 ? itf.deviceMtuMax : hi};
+}
+
 nlohmann::json NetModel::toJson() const {
     using nlohmann::json;
     json j;
@@ -196,7 +218,13 @@ nlohmann::json NetModel::toJson() const {
         json addrs = json::array();
         for (const auto& a : i.addrs)
             addrs.push_back(a.addr.str() + "/" + std::to_string(a.prefix));
-        ifs.push_back({{"name", i.name}, {"kind", i.kind}, {"up", i.up}, {"mtu", i.mtu}, {"addrs", addrs}});
+        json preferred = json::array();
+        for (const auto& p : i.preferred)
+            preferred.push_back({{"ssid", p.ssid}, {"security", p.security}, {"keychain", p.passwordInKeychain},
+                                 {"addedAt", p.addedAt}});
+        ifs.push_back({{"name", i.name}, {"kind", i.kind}, {"up", i.up}, {"mtu", i.mtu}, {"addrs", addrs},
+                       {"deviceMtuMin", i.deviceMtuMin}, {"deviceMtuMax", i.deviceMtuMax}, {"attached", i.attached},
+                       {"wifiPower", i.wifiPower}, {"preferred", preferred}});
     }
     j["interfaces"] = ifs;
     j["gatewayInterface"] = gatewayInterface;
@@ -212,7 +240,10 @@ nlohmann::json NetModel::toJson() const {
     json svcs = json::array();
     for (const auto& s : services) {
         json o = {{"id", s.id},     {"name", s.name}, {"enabled", s.enabled}, {"hardware", s.hardware},
-                  {"type", s.type}, {"subType", s.subType}, {"ipv4", s.ipv4}, {"ipv6", s.ipv6}};
+                  {"type", s.type}, {"subType", s.subType}, {"ipv4", s.ipv4}, {"ipv6", s.ipv6},
+                  {"v4Address", s.v4Address}, {"v4Mask", s.v4Mask}, {"v4Router", s.v4Router},
+                  {"v6Address", s.v6Address}, {"v6Router", s.v6Router}, {"v6PrefixLength", s.v6PrefixLength},
+                  {"hardwarePort", s.hardwarePort}};
         if (s.device)
             o["device"] = *s.device;
         svcs.push_back(o);
@@ -231,6 +262,9 @@ nlohmann::json NetModel::toJson() const {
     if (clockEpoch)
         j["clock"] = *clockEpoch;
     j["receipts"] = receipts;
+    j["preferencePaths"] = preferencePaths;
+    j["preferencesGeneration"] = preferencesGeneration;
+    j["leases"] = leases;
     return j;
 }
 
@@ -250,6 +284,13 @@ NetModel NetModel::fromJson(const nlohmann::json& j) {
             ia.prefix = slash == std::string::npos ? ia.addr.maxBits() : std::stoi(text.substr(slash + 1));
             itf.addrs.push_back(ia);
         }
+        itf.deviceMtuMin = i.value("deviceMtuMin", 0);
+        itf.deviceMtuMax = i.value("deviceMtuMax", 0);
+        itf.attached = i.value("attached", true);
+        itf.wifiPower = i.value("wifiPower", true);
+        for (const auto& p : i.value("preferred", nlohmann::json::array()))
+            itf.preferred.push_back({p.value("ssid", ""), p.value("security", ""), p.value("keychain", false),
+                                     p.value("addedAt", std::int64_t{0})});
         n.interfaces.push_back(itf);
     }
     n.gatewayInterface = j.value("gatewayInterface", "en0");
@@ -282,6 +323,13 @@ NetModel NetModel::fromJson(const nlohmann::json& j) {
         svc.subType = s.value("subType", "");
         svc.ipv4 = s.value("ipv4", "DHCP");
         svc.ipv6 = s.value("ipv6", "Automatic");
+        svc.v4Address = s.value("v4Address", "");
+        svc.v4Mask = s.value("v4Mask", "");
+        svc.v4Router = s.value("v4Router", "");
+        svc.v6Address = s.value("v6Address", "");
+        svc.v6Router = s.value("v6Router", "");
+        svc.v6PrefixLength = s.value("v6PrefixLength", 0);
+        svc.hardwarePort = s.value("hardwarePort", "");
         n.services.push_back(svc);
     }
     n.managed = j.value("managed", std::vector<std::string>{});
@@ -303,6 +351,9 @@ NetModel NetModel::fromJson(const nlohmann::json& j) {
     if (j.contains("clock"))
         n.clockEpoch = j["clock"].get<double>();
     n.receipts = j.value("receipts", std::vector<std::string>{});
+    n.preferencePaths = j.value("preferencePaths", std::map<std::string, std::string>{});
+    n.preferencesGeneration = j.value("preferencesGeneration", std::int64_t{1});
+    n.leases = j.value("leases", std::map<std::string, std::string>{});
     return n;
 }
 

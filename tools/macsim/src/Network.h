@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <utility>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,12 +17,25 @@
 
 namespace orven::macsim {
 
+struct PreferredNetwork {
+    std::string ssid;
+    std::string security;
+    bool passwordInKeychain = false; // the password itself is never kept here
+    std::int64_t addedAt = 0;        // seconds since 1970
+};
+
 struct Interface {
     std::string name;
     std::string kind; // loopback, wifi, ethernet, bridge, tunnel
     bool up = true;
     int mtu = 1500;
     std::vector<InterfaceAddress> addrs;
+    // What the device itself accepts (SIOCGIFDEVMTU); 0 means the default
+    // of its kind (see deviceMtuRange).
+    int deviceMtuMin = 0, deviceMtuMax = 0;
+    bool attached = true; // false: the device was unplugged
+    bool wifiPower = true;
+    std::vector<PreferredNetwork> preferred{}; // Wi-Fi only, top first
 };
 
 struct RemoteHost {
@@ -49,6 +63,13 @@ struct Service {
     std::optional<std::string> device; // absent for VPN-type services
     std::string hardware, type, subType;
     std::string ipv4 = "DHCP", ipv6 = "Automatic";
+    // Manual and INFORM addressing; empty otherwise.
+    std::string v4Address, v4Mask, v4Router;
+    std::string v6Address, v6Router;
+    int v6PrefixLength = 0;
+    // The interface's display name networksetup shows as the hardware port;
+    // empty means the service name.
+    std::string hardwarePort;
 };
 
 struct Flow {
@@ -83,6 +104,12 @@ struct NetModel {
     // The simulated clock (seconds since 1970); absent: the real clock.
     std::optional<double> clockEpoch;
     std::vector<std::string> receipts;
+    // SystemConfiguration preferences beyond the modelled services: values
+    // written at a path (JSON text), e.g. an interface's MTU or its
+    // DisableUntilNeeded flag; and how often the preferences changed.
+    std::map<std::string, std::string> preferencePaths;
+    std::int64_t preferencesGeneration = 1;
+    std::map<std::string, std::string> leases; // interface -> IPv4 address from DHCP
 
     static NetModel stock();
 
@@ -97,6 +124,11 @@ struct NetModel {
     std::uint16_t ephemeralPort();
     // The interfaces SCNetworkInterfaceCopyAll would list.
     std::vector<std::string> configurableInterfaces() const;
+    Service* findService(std::string_view name);
+    // The range the device accepts, by its kind unless it was set.
+    std::pair<int, int> deviceMtuRange(const Interface& itf) const;
+    // A service or preferences change: open preference sessions go stale.
+    void preferencesChanged() { ++preferencesGeneration; }
 
     nlohmann::json toJson() const;
     static NetModel fromJson(const nlohmann::json& json);

@@ -24,6 +24,21 @@ std::string upper(std::string s) {
     return s;
 }
 
+// The DHCP server of the local link answers an interface that is up and has
+// no IPv4 address yet (the agent does not wait for it; the lease simply
+// appears).
+void leaseAddress(NetModel& net, const std::string& ifname) {
+    Interface* itf = net.findInterface(ifname);
+    if (!itf || !itf->up || !itf->attached || itf->kind == "tunnel" || itf->kind == "loopback")
+        return;
+    for (const auto& a : itf->addrs)
+        if (a.addr.family == Family::Inet)
+            return;
+    const std::string address = "192.168.1." + std::to_string(100 + net.leases.size());
+    itf->addrs.push_back(InterfaceAddress{*IpAddr::parse(address), 24});
+    net.leases[ifname] = address;
+}
+
 bool processAlive(int pid) { return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM); }
 
 } // namespace
@@ -94,8 +109,11 @@ int ipconfigMain(ToolContext& c) {
             std::find(net.managed.begin(), net.managed.end(), ifname) == net.managed.end()) {
             net.managed.push_back(ifname);
             s.touchNet();
-            s.save();
         }
+        if (m->first == "DHCP")
+            leaseAddress(net, ifname);
+        s.touchNet();
+        s.save();
         return 0;
     }
     c.err += usage;

@@ -70,5 +70,11 @@ int ipconfigMain(ToolContext& c);
 int pkgutilMain(ToolContext& c);
 int launchctlMain(ToolContext& c);
 int logMain(ToolContext& c);
+int networksetupMain(ToolContext& c);
+int ifconfigMain(ToolContext& c);
+
+// The arguments as the call record and fault rules see them: secrets a
+// caller passes on a command line (a Wi-Fi password) are masked.
+std::vector<std::string> recordedArguments(std::string_view tool, const std::vector<std::string>& args);
 
 } // namespace orven::macsim

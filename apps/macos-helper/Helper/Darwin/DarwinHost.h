@@ -41,6 +41,8 @@ public:
     bool forceConfigurationRefresh(std::string_view bsdName) override;
     LinkChannelOpening openLinkChannel(std::string_view interface) override;
     std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) override;
+    // SCPreferences sessions (DarwinPreferences.mm).
+    std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override;
 
 private:
     OSLogSink sink_;

@@ -30,6 +30,8 @@ public:
     // The real link layer of this machine (the simulated Mac has none of its own).
     LinkChannelOpening openLinkChannel(std::string_view interface) override;
     std::optional<std::array<std::uint8_t, 6>> linkAddress(std::string_view interface) override;
+    // The simulated Mac's preferences (SimulatedMacPreferences.cpp).
+    std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override;
 
 private:
     // Runs the simulator's own command for this root.
