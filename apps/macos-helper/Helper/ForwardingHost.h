@@ -30,6 +30,8 @@ public:
     {
         return inner_.forceConfigurationRefresh(bsdName);
     }
+    FileKeychainCalls& keychain() override { return inner_.keychain(); }
+    std::string temporaryDirectory() const override { return inner_.temporaryDirectory(); }
 
 private:
     Host& inner_;

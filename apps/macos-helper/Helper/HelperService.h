@@ -53,6 +53,7 @@ inline constexpr std::string_view ping6 = "/sbin/ping6";
 inline constexpr std::string_view nc = "/usr/bin/nc";
 inline constexpr std::string_view pkgutil = "/usr/sbin/pkgutil";
 inline constexpr std::string_view launchctl = "/bin/launchctl";
+inline constexpr std::string_view security = "/usr/bin/security";
 } // namespace paths
 
 class HelperService {
@@ -78,6 +79,15 @@ public:
     void readHardKillProof(Reply<bool, OptionalText, OptionalText> reply);
     void uninstallSelf(ActionReply reply);
     void selfTerminate(Reply<bool> reply);
+
+    // --- VPN identity and trusted CAs ----------------------------------------
+
+    void installVPNIdentity(const std::vector<std::uint8_t>& pkcs12, const std::string& passphrase,
+                            Reply<std::int64_t, OptionalText> reply);
+    void releaseVPNIdentity(const std::vector<std::uint8_t>& pkcs12, const std::string& passphrase,
+                            Reply<std::int64_t, OptionalText> reply);
+    void installTrustedCA(const std::vector<std::uint8_t>& certificateDER, ActionReply reply);
+    void removeTrustedCA(const std::vector<std::uint8_t>& certificateDER, ActionReply reply);
 
     // --- Shared validators (pure) -------------------------------------------
 
@@ -246,6 +256,11 @@ public:
     static bool spawnDetached(DaemonContext& context, std::string_view path, const std::vector<std::string>& arguments,
                               const Logger& log);
     static void reportInstallPathIntegrity(DaemonContext& context);
+
+    // --- Trusted CA commands -------------------------------------------------
+
+    void runTrustedCertCommand(const std::vector<std::uint8_t>& certificateDER, bool install, std::string_view label,
+                               ActionReply& reply);
 
 private:
     DaemonContext& context_;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "BoundedProcess.h"
+#include "FileKeychainCalls.h"
 #include "Log.h"
 #include "SetupOwnership.h"
 
@@ -64,6 +65,14 @@ public:
 
     // SCNetworkInterfaceForceConfigurationRefresh for the interface of that name.
     virtual bool forceConfigurationRefresh(std::string_view bsdName) = 0;
+
+    // --- Security framework and temporary files ------------------------------
+
+    // The keychain calls of the VPN identity and trusted CA work (a simulated
+    // System keychain on the Linux host).
+    virtual FileKeychainCalls& keychain() = 0;
+    // The process's temporary directory, as a macOS path.
+    virtual std::string temporaryDirectory() const = 0;
 };
 
 } // namespace orven

@@ -53,6 +53,7 @@ const std::vector<ToolEntry>& tools() {
         {"ipconfig", "/usr/sbin/ipconfig", ipconfigMain, nullptr},
         {"pkgutil", "/usr/sbin/pkgutil", pkgutilMain, nullptr},
         {"launchctl", "/bin/launchctl", launchctlMain, nullptr},
+        {"security", "/usr/bin/security", securityMain, securityMutates},
     };
     return table;
 }

@@ -65,5 +65,7 @@ int ncMain(ToolContext& c);
 int ipconfigMain(ToolContext& c);
 int pkgutilMain(ToolContext& c);
 int launchctlMain(ToolContext& c);
+int securityMain(ToolContext& c);
+bool securityMutates(const std::vector<std::string>& args);
 
 } // namespace orven::macsim

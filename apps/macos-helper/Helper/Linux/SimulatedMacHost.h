@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Host.h"
+#include "Linux/SimulatedKeychain.h"
 
 namespace orven {
 
@@ -28,13 +29,18 @@ public:
     std::optional<std::vector<std::string>> networkInterfaceNames() override;
     bool forceConfigurationRefresh(std::string_view bsdName) override;
 
+    FileKeychainCalls& keychain() override { return keychain_; }
+    std::string temporaryDirectory() const override { return "/tmp"; }
+
 private:
     // Runs the simulator's own command for this root.
-    BoundedProcess::Result simulator(const std::vector<std::string>& arguments);
+    BoundedProcess::Result simulator(const std::vector<std::string>& arguments,
+                                     const std::optional<std::string>& standardInput = std::nullopt);
 
     std::string root_;
     LogSink& sink_;
     std::function<void(int)> onExit_;
+    SimulatedKeychain keychain_;
 };
 
 } // namespace orven
