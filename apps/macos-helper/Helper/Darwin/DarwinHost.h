@@ -9,6 +9,7 @@
 
 #include <os/log.h>
 
+#include "DarwinKeychainCalls.h"
 #include "Host.h"
 
 namespace orven {
@@ -40,8 +41,12 @@ public:
     std::optional<std::vector<std::string>> networkInterfaceNames() override;
     bool forceConfigurationRefresh(std::string_view bsdName) override;
 
+    FileKeychainCalls& keychain() override { return keychain_; }
+    std::string temporaryDirectory() const override;
+
 private:
     OSLogSink sink_;
+    DarwinKeychainCalls keychain_;
 };
 
 } // namespace orven

@@ -95,6 +95,11 @@ std::optional<Host::WallClock::time_point> DarwinHost::bootTime() const
 
 void DarwinHost::exitProcess(int status) { std::exit(status); }
 
+std::string DarwinHost::temporaryDirectory() const
+{
+    return std::string(NSTemporaryDirectory().fileSystemRepresentation);
+}
+
 // --- SystemConfiguration -----------------------------------------------------
 
 Host::StoreCopy DarwinHost::copyDynamicStore(std::string_view sessionName, std::string_view pattern)
