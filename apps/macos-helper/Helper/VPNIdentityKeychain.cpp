@@ -25,6 +25,9 @@ struct Prepared {
     std::vector<Calls::TrustedApplicationRef> applications;
     // The program paths as the keychain names them, to compare access lists with.
     std::set<std::string> signerPaths;
+    // Every signing program, present or not: a key we stored before a
+    // program left the system is still ours to release.
+    std::set<std::string> knownSigners;
     Calls::CertificateRef certificate;
     Calls::KeyRef key;
 };
@@ -56,12 +59,14 @@ std::variant<Prepared, Failure> prepare(const Bytes& pkcs12, std::string_view pa
     if (!calls.isOperatingSystemAtLeast(15)) return Failure{"this needs macOS 15 or newer"};
 
     Prepared prepared;
+    prepared.knownSigners.insert(signers.begin(), signers.end());
     for (const auto& program : signers) {
         if (!calls.programExists(program)) continue;
         auto application = calls.trustedApplicationCreateFromPath(program);
         auto named = application ? FileKeychain::path(calls, *application) : std::nullopt;
         if (!named) return Failure{"a signing program could not be named for the access list"};
         prepared.applications.push_back(std::move(*application));
+        prepared.knownSigners.insert(*named);
         prepared.signerPaths.insert(std::move(*named));
     }
     if (prepared.applications.empty()) return Failure{"none of the signing programs exists on this system"};
@@ -249,7 +254,7 @@ std::variant<ReleaseOutcome, Failure> take(Calls& calls, const Prepared& prepare
     const auto signers = FileKeychain::signers(calls, keys.front());
     if (!signers) return Failure{std::string(kUnreadableAccessList)};
     const bool ours = !signers->empty() && std::all_of(signers->begin(), signers->end(), [&](const std::string& path) {
-        return path != "*" && prepared.signerPaths.contains(path);
+        return path != "*" && prepared.knownSigners.contains(path);
     });
     if (!ours) return ReleaseOutcome::leftInPlace;
 

@@ -371,6 +371,12 @@ TEST_F(VPNIdentity, PreparationRefusesWhatItCannotDo)
     EXPECT_EQ(install(pkcs12), (CodeReply{1, std::nullopt}));
     EXPECT_EQ(signersOf(keychain()["keys"][0]), (std::vector<std::string>{kSigners[0], kSigners[2]}));
 
+    // A key stored while all three were there is still ours to release.
+    ASSERT_EQ(release(pkcs12), (CodeReply{0, std::nullopt}));
+    plant({"plant-key", testIdentity(KeyKind::p256).applicationLabelHex, "--signer", kSigners[0], "--signer",
+           kSigners[1], "--signer", kSigners[2]});
+    EXPECT_EQ(release(pkcs12), (CodeReply{0, std::nullopt}));
+
     ASSERT_EQ(::unlink(daemon.mac.path("/usr/libexec/nehelper").c_str()), 0);
     ASSERT_EQ(::rmdir(daemon.mac.path(kSigners[0]).c_str()), 0);
     EXPECT_EQ(install(pkcs12), (CodeReply{-1, "none of the signing programs exists on this system"}));
