@@ -438,6 +438,32 @@ TEST_F(VPNIdentity, KeysThatAreNotProvablyOursAreNeverTouched)
     }
 }
 
+TEST_F(VPNIdentity, KeychainRefusalsAreNamedWithTheirStatus)
+{
+    const auto& identity = testIdentity(KeyKind::p256);
+    const auto pkcs12 = testing::makePKCS12(identity, kPassphrase);
+    const auto refuse = [&](const std::string& change) {
+        daemon.mac.addFault({"--tool", "securityd", "--args", change, "--exit", "1"});
+    };
+
+    refuse("add-certificate .*");
+    EXPECT_EQ(install(pkcs12), (CodeReply{-1, "the certificate could not be stored (-36)"}));
+    EXPECT_EQ(install(pkcs12), (CodeReply{0, std::nullopt}));  // the key had been stored
+
+    refuse("delete .*");
+    EXPECT_EQ(release(pkcs12), (CodeReply{-1, "the key could not be removed (-36)"}));
+    const json state = keychain();
+    ASSERT_EQ(state["certificates"].size(), 1u);
+    refuse("delete " + state["certificates"][0]["id"].get<std::string>());
+    EXPECT_EQ(release(pkcs12), (CodeReply{-1, "the key was removed; its certificate could not be removed (-36)"}));
+    EXPECT_TRUE(keychain()["keys"].empty());
+
+    plant({"plant-key", identity.applicationLabelHex, "--signer", "/usr/sbin/racoon"});
+    refuse("delete .*");
+    EXPECT_EQ(install(pkcs12), (CodeReply{-1, "the existing key could not be removed (-36)"}));
+    EXPECT_EQ(keychain()["keys"].size(), 1u);
+}
+
 // --- Secrets ---------------------------------------------------------------------
 
 void collectFiles(const std::string& folder, std::vector<std::string>& out)
