@@ -8,6 +8,7 @@
 #include "Host.h"
 #include "Log.h"
 #include "OrvenHelperProtocol.h"
+#include "WorkerPool.h"
 
 namespace orven {
 
@@ -31,6 +32,9 @@ struct DaemonContext {
     // Changed only under pfLock; read anywhere.
     std::atomic<bool> hardKillEngaged{false};
     std::atomic<bool> uninstallClaimed{false};
+    // Pings and the powerline probe run here, off the connection. Declared
+    // last so it is destroyed first: its jobs still use everything above.
+    WorkerPool backgroundWork{16, 256};
 };
 
 } // namespace orven

@@ -45,8 +45,9 @@ bool HelperService::lanIsolationLocked(bool enabled, const std::string& interfac
             reply(false, message);
             return true;
         }
-        // A blackout is never weakened by pass rules.
-        if (context.hardKillEngaged) {
+        // A blackout is never weakened by pass rules; the marker counts too,
+        // for a blackout that start-up could not take back yet.
+        if (context.hardKillEngaged || hardKillFlagExists(context)) {
             log_.notice("LAN isolation request recorded for %{public}s — Hard Kill owns pf; it will apply when Hard Kill "
                         "lifts",
                         interface);
@@ -115,16 +116,36 @@ OptionalText HelperService::loadOwnMainRuleset(DaemonContext& context, std::stri
                                                HardKillProof::MainRulesetShape shape,
                                                const PFRuleBuilder::LANIsolationParams& params)
 {
-    if (auto error = pfctlLoad(context, std::string(ruleset))) return error;
+    const auto before = pfctlShowRules(context);
+    const auto previous = readMainRulesetRecord(context);
+    recordMainRulesetIntent(context, {std::string(HardKillProof::rawValue(shape)),
+                                      before.code == 0 ? std::optional(before.out) : std::nullopt, params});
+    const auto done = [&context](OptionalText outcome) {
+        files::remove(context.host.path(paths::mainRulesetPending));
+        return outcome;
+    };
+    if (auto error = pfctlLoad(context, std::string(ruleset))) return done(error);
     const auto live = pfctlShowRules(context);
     if (live.code != 0) {
         context.staticLog.error("loaded ORVEN's own main ruleset but pfctl -sr did not answer (%{public}d) — dropping "
                                 "the ownership record, so a later blackout will not write over the main ruleset",
                                 live.code);
         clearMainRulesetRecord(context);
-        return std::nullopt;
+        return done(std::nullopt);
     }
-    const MainRulesetRecord record{std::string(HardKillProof::rawValue(shape)), live.out, params};
+    // One of our shapes replacing another must show in the listing; the
+    // same listing means pfctl reported a load that did not happen.
+    const bool ownBefore = previous && previous->dump && before.code == 0 &&
+                           HardKillProof::normalisedDump(*previous->dump) == HardKillProof::normalisedDump(before.out);
+    if (ownBefore && previous->shape != HardKillProof::rawValue(shape) &&
+        HardKillProof::normalisedDump(live.out) == HardKillProof::normalisedDump(before.out))
+        return done("pfctl -f reported success, but the main ruleset did not change");
+    writeMainRulesetRecord(context, {std::string(HardKillProof::rawValue(shape)), live.out, params});
+    return done(std::nullopt);
+}
+
+void HelperService::writeMainRulesetRecord(DaemonContext& context, const MainRulesetRecord& record)
+{
     // A dump that is not valid UTF-8 could never be compared back: no record.
     const auto encoded = encodeMainRulesetRecordExactly(record);
     const auto directoryError = files::createDirectories(context.host.path(paths::stateDirectory), kStateDirectoryMode);
@@ -135,7 +156,43 @@ OptionalText HelperService::loadOwnMainRuleset(DaemonContext& context, std::stri
         // An older record would describe a ruleset that is no longer loaded.
         clearMainRulesetRecord(context);
     }
-    return std::nullopt;
+}
+
+void HelperService::recordMainRulesetIntent(DaemonContext& context, const MainRulesetRecord& intent)
+{
+    const auto encoded = encodeMainRulesetRecordExactly(intent);
+    const auto directoryError = files::createDirectories(context.host.path(paths::stateDirectory), kStateDirectoryMode);
+    if (!encoded || directoryError ||
+        files::writeAtomically(context.host.path(paths::mainRulesetPending), *encoded, kRecordMode)) {
+        // Only a crash during this load would need it; the load goes on.
+        files::remove(context.host.path(paths::mainRulesetPending));
+        context.staticLog.error("could not note the main ruleset about to be loaded — if ORVEN stops during this load, "
+                                "it will not recognise the ruleset as its own");
+    }
+}
+
+void HelperService::recoverInterruptedMainRulesetLoad(DaemonContext& context)
+{
+    const std::string pendingPath = context.host.path(paths::mainRulesetPending);
+    const auto content = files::read(pendingPath, kMaxMainRulesetRecordBytes);
+    if (!content) return;
+    const auto intent = decodeMainRulesetRecord(*content);
+    if (!intent || !HardKillProof::shapeFromRawValue(intent->shape)) {
+        files::remove(pendingPath);
+        return;
+    }
+    const auto live = pfctlShowRules(context);
+    if (live.code != 0) return;  // kept for the next look
+    // Still what was loaded before: the load never happened.
+    const bool unchanged =
+        intent->dump && HardKillProof::normalisedDump(*intent->dump) == HardKillProof::normalisedDump(live.out);
+    if (!unchanged) {
+        writeMainRulesetRecord(context, {intent->shape, live.out, intent->params});
+        context.staticLog.notice("the main ruleset an interrupted operation of ORVEN's loaded (%{public}s) is recorded "
+                                 "as ORVEN's own again",
+                                 intent->shape);
+    }
+    files::remove(pendingPath);
 }
 
 std::optional<MainRulesetRecord> HelperService::readMainRulesetRecord(DaemonContext& context)

@@ -5,6 +5,7 @@
 
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "Files.h"
@@ -22,6 +23,7 @@ constexpr double kProbeKillGrace = 2.0;
 struct ProbeHits {
     std::mutex lock;
     std::set<std::string> hits;
+    std::set<std::string> unstarted;
 };
 
 std::string parentAnchor()
@@ -42,25 +44,38 @@ const std::vector<HelperService::ExternalProbe>& HelperService::externalProbes()
     return probes;
 }
 
-std::vector<std::string> HelperService::externalProbesThatGotThrough(DaemonContext& context)
+HelperService::ProbeSweep HelperService::sweepExternalProbes(DaemonContext& context)
 {
     // In parallel: a sweep costs the largest budget, not the sum.
     ProbeHits sweep;
+    const auto runProbe = [&context, &sweep](const ExternalProbe& probe) {
+        const auto result = context.host.run(probe.path, probe.args, std::nullopt, probe.budget, kProbeKillGrace);
+        if (result.code != 0 && result.code != BoundedProcess::kSpawnFailed) return;
+        const std::lock_guard guard(sweep.lock);
+        (result.code == 0 ? sweep.hits : sweep.unstarted).insert(probe.label);
+    };
     std::vector<std::thread> tasks;
     for (const auto& probe : externalProbes()) {
-        tasks.emplace_back([&context, &sweep, &probe] {
-            const auto result = context.host.run(probe.path, probe.args, std::nullopt, probe.budget, kProbeKillGrace);
-            if (result.code != 0) return;
-            const std::lock_guard guard(sweep.lock);
-            sweep.hits.insert(probe.label);
-        });
+        try {
+            tasks.emplace_back(runProbe, std::cref(probe));
+        } catch (const std::system_error&) {
+            // No thread to be had: the probe still runs, only not in parallel.
+            runProbe(probe);
+        }
     }
     for (auto& task : tasks) task.join();
-    std::vector<std::string> through;
+    ProbeSweep outcome;
     const std::lock_guard guard(sweep.lock);
-    for (const auto& probe : externalProbes())
-        if (sweep.hits.count(probe.label)) through.push_back(probe.label);
-    return through;
+    for (const auto& probe : externalProbes()) {
+        if (sweep.hits.count(probe.label)) outcome.through.push_back(probe.label);
+        if (sweep.unstarted.count(probe.label)) outcome.unstarted.push_back(probe.label);
+    }
+    return outcome;
+}
+
+std::vector<std::string> HelperService::externalProbesThatGotThrough(DaemonContext& context)
+{
+    return sweepExternalProbes(context).through;
 }
 
 OptionalText HelperService::engageIsProven(DaemonContext& context)
@@ -68,27 +83,79 @@ OptionalText HelperService::engageIsProven(DaemonContext& context)
     if (blackoutRuleState(context) != HardKillState::Rules::loaded)
         return "the blackout rules are not loaded in " + std::string(kBlackoutAnchor);
     if (pfIsEnabled(context) != true) return std::string("pf is not enforcing — loaded rules block nothing");
-    const auto through = externalProbesThatGotThrough(context);
-    if (through.empty()) return std::nullopt;
-    return "traffic still leaves this Mac with the blackout loaded (" + text::join(through, ", ") +
+    // What is loaded now, not what the plan expected: a load that reported
+    // success without loading leaves pass rules ahead of the anchor.
+    const auto live = pfctlShowRules(context);
+    if (auto reason = HardKillProof::bypassReason(live.code == 0, live.out, siblingAnchorPasses(context)))
+        return "the cut is not complete — " + *reason;
+    const auto sweep = sweepExternalProbes(context);
+    if (!sweep.unstarted.empty())
+        return "the outside probes could not be run (" + text::join(sweep.unstarted, ", ") +
+               ") — the cut cannot be proven";
+    if (sweep.through.empty()) return std::nullopt;
+    return "traffic still leaves this Mac with the blackout loaded (" + text::join(sweep.through, ", ") +
            ") — this is not a cut";
+}
+
+HelperService::EnableWithToken HelperService::enableWithRecordedIntent(DaemonContext& context)
+{
+    // Only a crash before the token is recorded needs the intent: without
+    // it the engage goes on, as it did before there was one.
+    if (auto error = recordEnableIntent(context))
+        context.staticLog.error("%{public}s — if ORVEN stops before recording the new pf reference, it will not find it "
+                                "again",
+                                *error);
+    auto enabled = pfctlEnableWithToken(context);
+    if (enabled.token) return enabled;
+    if (text::startsWith(enabled.error.value_or(""), "pfctl -E failed")) {
+        // pf refuses a reference only when it could not make one.
+        clearEnableIntent(context);
+        return enabled;
+    }
+    // pfctl said it enabled pf but printed no token: the reference exists,
+    // so find it in pf's own list rather than leave it recorded nowhere.
+    if (auto token = referenceTakenSinceIntent(context)) {
+        context.staticLog.error("pfctl -E printed no token — took reference %{public}s from pf's reference list instead",
+                                *token);
+        return {std::move(token), std::nullopt};
+    }
+    return {std::nullopt, *enabled.error +
+                              " — pf may now be held on by a reference ORVEN could not identify; the next start of "
+                              "ORVEN looks for it again, and a restart of the Mac clears it"};
+}
+
+OptionalText HelperService::flushStatesProven(DaemonContext& context)
+{
+    if (auto error = pfctlFlushStates(context)) return error;
+    const auto remaining = pfStateCount(context);
+    if (!remaining) return std::string("the state table could not be read after the flush — established connections "
+                                       "may still pass");
+    if (*remaining > 0)
+        return "pfctl -F states left " + std::to_string(*remaining) +
+               " state(s) in place — established connections would still pass";
+    return std::nullopt;
 }
 
 OptionalText HelperService::engageViaAnchor(DaemonContext& context, const HardKillProof::MainRulesetPlan& plan)
 {
     auto& log = context.staticLog;
-    const auto enabled = pfctlEnableWithToken(context);
+    const auto enabled = enableWithRecordedIntent(context);
     if (enabled.error) return enabled.error;
-    if (!enabled.token) return std::string("pfctl -E returned no token");
     const std::string token = *enabled.token;
 
+    // Dated before the append below renews the files' time.
+    const auto earlierDates = storeDates(context);
     if (auto recordError = persistTokenImmediately(context, token)) {
-        if (!pfctlReleaseToken(context, token)) return recordError;
+        if (!pfctlReleaseToken(context, token)) {
+            clearEnableIntent(context);
+            return recordError;
+        }
         log.error("ORPHANED pf REFERENCE %{public}s: it could not be recorded and could not be released. pf stays "
                   "enabled by ORVEN until this Mac is restarted, or until root runs: pfctl -X %{public}s",
                   token, token);
         return *recordError + " — and it could not be released either (reference " + token + ")";
     }
+    clearEnableIntent(context);
 
     std::optional<PFRuleBuilder::LANIsolationParams> suspended;
     if (plan.kind == HardKillProof::MainRulesetPlan::Kind::suspendIsolation) {
@@ -107,7 +174,7 @@ OptionalText HelperService::engageViaAnchor(DaemonContext& context, const HardKi
         }
     }
 
-    const auto release = releaseHeldTokens(context, token);
+    const auto release = releaseHeldTokens(context, token, earlierDates);
     if (release.kind == TokenRelease::Kind::failed)
         log.error("a previous pf reference could not be released: %{public}s", release.message);
 
@@ -115,7 +182,7 @@ OptionalText HelperService::engageViaAnchor(DaemonContext& context, const HardKi
     bool flushAnchor = false;
     if (auto error = pfctlLoadAnchor(context, PFRuleBuilder::hardKillAnchorRuleset())) {
         failure = std::move(error);
-    } else if (auto flushError = pfctlFlushStates(context)) {
+    } else if (auto flushError = flushStatesProven(context)) {
         failure = std::move(flushError);
         flushAnchor = true;
     } else if (auto unproven = engageIsProven(context)) {
@@ -131,9 +198,8 @@ OptionalText HelperService::engageViaAnchor(DaemonContext& context, const HardKi
     return failure;
 }
 
-OptionalText HelperService::liftViaAnchor(DaemonContext& context)
+void HelperService::giveBackOurReferences(DaemonContext& context)
 {
-    auto flushError = pfctlFlushAnchor(context);
     const auto release = releaseHeldTokens(context, std::nullopt);
     switch (release.kind) {
     case TokenRelease::Kind::nothingHeld:
@@ -145,7 +211,6 @@ OptionalText HelperService::liftViaAnchor(DaemonContext& context)
         context.staticLog.error("blackout lifted, but the pf reference was NOT released: %{public}s", release.message);
         break;
     }
-    return flushError;
 }
 
 OptionalText HelperService::disengageIsProven(DaemonContext& context)

@@ -77,12 +77,27 @@ HelperService::HardKillFollowUp HelperService::hardKillLocked(bool engaged, Acti
         return {};
     }
 
+    // pf's own list first: a token left by a lift that was cut short names
+    // no reference any more and must not make this lift look unproven.
+    reconcileTokensWithPf(context);
     const bool marker = hardKillFlagExists(context);
     const auto rules = blackoutRuleState(context);
     const bool referencesHeld = !allHeldTokens(context).empty();
     if (!marker && rules == HardKillState::Rules::absent && !referencesHeld) {
         log.notice("Hard Kill disengage: no marker, no blackout rules and no pf reference of ours — pf and DHCP left "
                    "untouched");
+        // A lift whose restore failed left the isolation suspended: asking
+        // again is how the user gets it back.
+        const auto restore = isolationToRestore(context);
+        if (restore.params) {
+            if (auto error = restoreIsolationVerified(context, *restore.params)) {
+                log.error("Hard Kill lifted but isolation restore failed: %{public}s", *error);
+                reply(false, *error);
+                return {};
+            }
+            log.notice("LAN isolation restored on %{public}s — it had stayed suspended after an earlier lift",
+                       restore.params->interface);
+        }
         reply(true, std::nullopt);
         return {};
     }
@@ -98,17 +113,26 @@ HelperService::HardKillFollowUp HelperService::hardKillLocked(bool engaged, Acti
         reply(false, *error);
         return {};
     }
-    context.hardKillEngaged = false;
-    clearHardKillOwner(context);
-    if (auto error = liftViaAnchor(context)) {
+    if (auto error = pfctlFlushAnchor(context)) {
+        // Still dark: the records say so again, and so does the reply.
+        if (auto markerError = writeHardKillFlag(context))
+            log.error("Hard Kill ENGAGED but state write failed — will NOT survive a reboot: %{public}s", *markerError);
         log.error("Hard Kill disengage failed: %{public}s", *error);
-        reply(false, *error);
+        reply(false, stillDarkMessage(*error));
         return {};
     }
+    context.hardKillEngaged = false;
+    clearHardKillOwner(context);
+    giveBackOurReferences(context);
 
-    const auto params = isolationToRestore(context);
-    if (params) {
-        if (auto error = pfctlLoadEnableAndFlush(context, PFRuleBuilder::renderFullRuleset(*params), *params)) {
+    const auto restore = isolationToRestore(context);
+    if (restore.unreadable) {
+        log.error("Hard Kill lifted but isolation restore failed: %{public}s", *restore.unreadable);
+        reply(false, *restore.unreadable);
+        return {};
+    }
+    if (restore.params) {
+        if (auto error = restoreIsolationVerified(context, *restore.params)) {
             log.error("Hard Kill lifted but isolation restore failed: %{public}s", *error);
             reply(false, *error);
             return {};
@@ -119,25 +143,48 @@ HelperService::HardKillFollowUp HelperService::hardKillLocked(bool engaged, Acti
         reply(false, liftUnprovenMessage(*unproven));
         return {};
     }
-    if (params)
+    if (restore.params)
         log.notice("Hard Kill DISENGAGED and VERIFIED — anchor emptied, LAN isolation restored on %{public}s",
-                   params->interface);
+                   restore.params->interface);
     else
         log.notice("Hard Kill DISENGAGED and VERIFIED — anchor emptied, pf reference released");
     reply(true, std::nullopt);
     return {true};
 }
 
-std::optional<PFRuleBuilder::LANIsolationParams> HelperService::isolationToRestore(DaemonContext& context)
+std::string HelperService::stillDarkMessage(std::string_view cause)
+{
+    return "Hard Kill is still ON — the blackout could not be removed (" + std::string(cause) +
+           "). This Mac is still cut off from the network. Try again; if it persists, run: sudo " +
+           std::string(paths::rescueScript);
+}
+
+HelperService::IsolationRestore HelperService::isolationToRestore(DaemonContext& context)
 {
     const auto record = readMainRulesetRecord(context);
-    if (!record) return std::nullopt;
-    const auto live = pfctlShowRules(context);
+    if (!record) return {};
     const auto shape = HardKillProof::shapeFromRawValue(record->shape);
-    if (live.code != 0 || !shape || !record->dump) return std::nullopt;
-    if (*shape != HardKillProof::MainRulesetShape::isolationSuspended) return std::nullopt;
-    if (HardKillProof::normalisedDump(*record->dump) != HardKillProof::normalisedDump(live.out)) return std::nullopt;
-    return record->params;
+    if (!shape || *shape != HardKillProof::MainRulesetShape::isolationSuspended || !record->dump) return {};
+    const auto live = pfctlShowRules(context);
+    if (live.code != 0)
+        return {std::nullopt, "LAN isolation was not restored: the loaded pf ruleset could not be read to confirm it is "
+                              "still ORVEN's (pfctl -sr answered " +
+                                  std::to_string(live.code) + ")"};
+    // Somebody else's ruleset since: theirs stays.
+    if (HardKillProof::normalisedDump(*record->dump) != HardKillProof::normalisedDump(live.out)) return {};
+    return {record->params, std::nullopt};
+}
+
+OptionalText HelperService::restoreIsolationVerified(DaemonContext& context,
+                                                     const PFRuleBuilder::LANIsolationParams& params)
+{
+    if (auto error = pfctlLoadEnableAndFlush(context, PFRuleBuilder::renderFullRuleset(params), params)) return error;
+    const auto record = readMainRulesetRecord(context);
+    const bool restored = record && record->shape == HardKillProof::rawValue(HardKillProof::MainRulesetShape::isolation);
+    if (!restored)
+        return std::string("LAN isolation could not be confirmed restored — the loaded pf ruleset could not be read back "
+                           "as ORVEN's isolation");
+    return std::nullopt;
 }
 
 void HelperService::restoreSuspendedIsolation(DaemonContext& context, const PFRuleBuilder::LANIsolationParams& params)
@@ -152,7 +199,7 @@ void HelperService::restoreSuspendedIsolation(DaemonContext& context, const PFRu
                   "off to get the isolation back, or run hardkill-deactivate.sh as root.");
         return;
     }
-    if (auto error = pfctlLoadEnableAndFlush(context, PFRuleBuilder::renderFullRuleset(params), params)) {
+    if (auto error = restoreIsolationVerified(context, params)) {
         log.error("engage failed and ORVEN could NOT put your LAN isolation back: %{public}s — the local network is "
                   "reachable again although you asked for it to be isolated. ORVEN re-applies it on the next network "
                   "change; sudo pfctl -f %{public}s restores Apple's stock ruleset.",

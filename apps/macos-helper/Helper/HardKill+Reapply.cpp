@@ -42,47 +42,98 @@ void HelperService::reapplyHardKillAtBoot(DaemonContext& context)
     // Every engage records its owner first: a record without a marker is
     // the trace of one that did not finish.
     const bool ownerLeft = files::exists(context.host.path(paths::hardKillOwner));
-    if (!marker && !legacy && !referencesHeld && !ownerLeft) return;
+    // What an operation cut short by a crash leaves behind.
+    const bool interrupted = files::exists(context.host.path(paths::enablePending)) ||
+                             files::exists(context.host.path(paths::mainRulesetPending));
+    const bool suspendedIsolation = suspendedIsolationRecorded(context);
+    if (!marker && !legacy && !referencesHeld && !ownerLeft && !interrupted && !suspendedIsolation) return;
 
     const auto done = withPFLock(context, [&] {
+        // One look first: with pf not answering, every step below would wait
+        // out its whole time-out only to learn nothing.
+        const auto info = pfctlShowInfo(context);
+        if (info.code == BoundedProcess::kTimedOut) {
+            context.staticLog.error("pf did not answer at start (pfctl -s info timed out) — the blackout state is "
+                                    "UNKNOWN; the Hard Kill re-apply and clean-up were not attempted and every record "
+                                    "is kept for the next start");
+            return;
+        }
+        recoverInterruptedMainRulesetLoad(context);
+        reconcileTokensWithPf(context);
         if (legacy) unwindLegacyTakeOverLocked(context);
         if (marker) {
             reapplyHardKillLocked(context);
-        } else {
-            if (referencesHeld) giveBackEarlierReferences(context);
-            removeInterruptedBlackout(context);
+            return;
         }
+        if (!allHeldTokens(context).empty()) giveBackEarlierReferences(context);
+        removeInterruptedBlackout(context);
+        restoreIsolationOfInterruptedEngage(context);
     });
     if (!done) context.staticLog.error("Hard Kill re-apply skipped — pf lock unavailable");
+}
+
+bool HelperService::suspendedIsolationRecorded(DaemonContext& context)
+{
+    const auto record = readMainRulesetRecord(context);
+    return record && record->shape == HardKillProof::rawValue(HardKillProof::MainRulesetShape::isolationSuspended);
+}
+
+void HelperService::restoreIsolationOfInterruptedEngage(DaemonContext& context)
+{
+    // Only once no blackout rules are left: pass rules ahead of them would
+    // weaken a cut.
+    if (blackoutRuleState(context) != HardKillState::Rules::absent) return;
+    const auto restore = isolationToRestore(context);
+    if (restore.unreadable) {
+        context.staticLog.error("LAN isolation suspended by an interrupted Hard Kill was not restored at start: "
+                                "%{public}s",
+                                *restore.unreadable);
+        return;
+    }
+    if (!restore.params) return;
+    if (auto error = restoreIsolationVerified(context, *restore.params)) {
+        context.staticLog.error("LAN isolation suspended by an interrupted Hard Kill could NOT be restored at start: "
+                                "%{public}s",
+                                *error);
+        return;
+    }
+    context.staticLog.notice("LAN isolation suspended by an interrupted Hard Kill restored on %{public}s",
+                             restore.params->interface);
 }
 
 void HelperService::reapplyHardKillLocked(DaemonContext& context)
 {
     auto& log = context.staticLog;
     if (cutIsStanding(context)) {
+        context.hardKillEngaged = true;
         log.notice("Hard Kill re-apply at start: the cut is already standing — nothing re-taken");
         return;
     }
-    // Given back before the new reference is recorded: appending to the token
-    // file renews its time, and a token from before the boot would then look
-    // as if it named a reference still held, and be kept for ever.
-    if (!allHeldTokens(context).empty()) giveBackEarlierReferences(context);
+    // The new reference is taken before the earlier ones are given back
+    // (inside the engage), so pf is never left without ours in between.
     const auto live = pfctlShowRules(context);
     const auto plan = mainRulesetPlan(context, live.code == 0, live.out);
     const auto error = engageViaAnchor(context, plan);
     if (!error) {
+        context.hardKillEngaged = true;
         log.notice("Hard Kill re-applied at start from persisted state — anchor loaded, pf reference held");
         return;
     }
     const auto rules = blackoutRuleState(context);
     const auto enabled = pfIsEnabled(context);
+    const std::string_view enabledText = !enabled ? "unknown" : (*enabled ? "true" : "false");
     if (rules == HardKillState::Rules::loaded && enabled == true) {
+        context.hardKillEngaged = true;
         log.error("Hard Kill re-apply at start FAILED but the machine is DARK — the blackout ruleset is loaded and pf is "
                   "enforcing it, so new connections are blocked. Lift it with hardkill-deactivate.sh as root. Cause: "
                   "%{public}s",
                   *error);
+    } else if (rules == HardKillState::Rules::unknown || !enabled) {
+        // Unknown is never reported as absent.
+        log.error("Hard Kill re-apply at start FAILED and pf did not answer (rules=%{public}s, pf enabled=%{public}s) — "
+                  "whether a blackout stands is UNKNOWN. Cause: %{public}s",
+                  HardKillState::spelling(rules), enabledText, *error);
     } else {
-        const std::string_view enabledText = !enabled ? "unknown" : (*enabled ? "true" : "false");
         log.error("Hard Kill re-apply at start FAILED; no blackout is standing (rules=%{public}s, pf enabled=%{public}s). "
                   "This says nothing about whether the Mac has internet. Cause: %{public}s",
                   HardKillState::spelling(rules), enabledText, *error);

@@ -50,6 +50,59 @@ std::optional<std::string> tokenFromEnableOutput(std::string_view joinedOutput)
     return token;
 }
 
+namespace {
+
+// "D days HH:MM:SS", the age column of a references row.
+std::optional<std::int64_t> ageFromWords(std::string_view days, std::string_view unit, std::string_view clock)
+{
+    if (unit != "days" && unit != "day") return std::nullopt;
+    const auto dayCount = text::parseUnsigned(days, 1'000'000);
+    const auto pieces = text::splitKeepingEmpty(clock, ':');
+    if (!dayCount || pieces.size() != 3) return std::nullopt;
+    std::int64_t seconds = static_cast<std::int64_t>(*dayCount) * 86'400;
+    constexpr std::int64_t scale[3] = {3'600, 60, 1};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto part = text::parseUnsigned(pieces[i], i == 0 ? 23 : 59);
+        if (!part || pieces[i].size() != 2) return std::nullopt;
+        seconds += static_cast<std::int64_t>(*part) * scale[i];
+    }
+    return seconds;
+}
+
+} // namespace
+
+std::optional<std::vector<PfReference>> referencesFromListing(std::string_view listing)
+{
+    const auto lines = text::splitLines(listing, /*keepEmpty=*/false);
+    std::vector<PfReference> references;
+    bool inTable = false;
+    bool sawHeader = false;
+    for (const auto& line : lines) {
+        const std::string trimmed = text::trimWhitespace(line);
+        if (trimmed.empty()) continue;
+        if (!inTable) {
+            if (trimmed == "No pf starter references held") return references;
+            if (trimmed == "TOKENS:") inTable = true;
+            continue;  // ALTQ notices and the like come first
+        }
+        if (!sawHeader) {
+            if (!text::startsWith(trimmed, "PID")) return std::nullopt;
+            sawHeader = true;
+            continue;
+        }
+        // PID, a process name that may hold spaces, TOKEN, "D days HH:MM:SS".
+        const auto words = text::splitWords(trimmed, " \t");
+        if (words.size() < 6 || !text::allASCIIDigits(words[0])) return std::nullopt;
+        const std::size_t n = words.size();
+        const auto age = ageFromWords(words[n - 3], words[n - 2], words[n - 1]);
+        if (!age || words[n - 4].empty() || !text::allASCIIDigits(words[n - 4])) return std::nullopt;
+        std::vector<std::string> name(words.begin() + 1, words.end() - 4);
+        references.push_back({words[n - 4], text::join(name, " "), *age});
+    }
+    if (!inTable || !sawHeader) return std::nullopt;
+    return references;
+}
+
 std::int64_t stateCountFromListing(std::string_view listing)
 {
     const std::string trimmed = text::trimWhitespaceAndNewlines(listing);

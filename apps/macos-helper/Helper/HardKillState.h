@@ -43,6 +43,18 @@ std::vector<std::string> tokensFromFile(std::string_view content);
 // The text of a token file holding `tokens`.
 std::string tokenFileContent(const std::vector<std::string>& tokens);
 
+// One row of `pfctl -s References`.
+struct PfReference {
+    std::string token;
+    std::string processName;
+    std::int64_t ageSeconds = 0;
+    bool operator==(const PfReference&) const = default;
+};
+
+// The references a `pfctl -s References` listing names, newest first as pf
+// prints them; absent when the text is not such a listing (never "none").
+std::optional<std::vector<PfReference>> referencesFromListing(std::string_view listing);
+
 struct RefusedToken {
     std::string token;
     std::optional<std::chrono::system_clock::time_point> writtenAt;

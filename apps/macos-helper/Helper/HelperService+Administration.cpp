@@ -134,11 +134,14 @@ void HelperService::uninstallSelf(ActionReply reply)
     if (!noBlackoutStands(context)) {
         log_.notice("uninstallSelf: Hard Kill is armed (or pf is unreadable, which counts the same) — lifting it first");
         // The owner check is skipped on purpose: the uninstall must not leave a cut behind.
-        const auto lift = withPFLock(context, [&] {
+        const auto lift = withPFLock(context, [&]() -> OptionalText {
+            // The records go only once the blackout is gone.
+            if (auto error = pfctlFlushAnchor(context)) return error;
             (void)clearHardKillFlag(context);
             clearHardKillOwner(context);
             context.hardKillEngaged = false;
-            return liftViaAnchor(context);
+            giveBackOurReferences(context);
+            return std::nullopt;
         });
         const bool lifted = lift && !*lift;
         kickDHCPRenewal(context);
@@ -281,7 +284,16 @@ void HelperService::selfTerminate(Reply<bool> reply)
     log_.notice("selfTerminate requested — exiting after reply");
     reply(true);
     auto& context = context_;
-    later(kSelfTerminateDelay, [&context] { context.host.exitProcess(0); });
+    later(kSelfTerminateDelay, [&context] {
+        // Never in the middle of another client's pf work: that would leave
+        // a half-done engage or lift and an unanswered client. Holding the
+        // lock while exiting also keeps the next one from starting.
+        const auto exited = withPFLock(context, [&context] { context.host.exitProcess(0); });
+        if (!exited) {
+            context.staticLog.error("selfTerminate: pf work did not finish within the lock's budget — exiting anyway");
+            context.host.exitProcess(0);
+        }
+    });
 }
 
 // --- Install path integrity --------------------------------------------------

@@ -41,7 +41,7 @@ void HelperService::kickDHCPRenewal(DaemonContext& context)
 
     std::vector<std::string> refreshed, declined, driverProvisioned;
     bool ranOut = false;
-    for (const auto& name : text::splitWords(list.out, " \n")) {
+    for (const auto& name : text::splitAtWhitespaceAndNewlines(list.out)) {
         if (context.host.now() >= deadline) {
             ranOut = true;
             break;

@@ -36,6 +36,8 @@ inline constexpr std::string_view hardKillOwner = "/Library/Application Support/
 inline constexpr std::string_view mainRulesetRecord = "/Library/Application Support/test.orven.app/hardkill.main-ruleset";
 inline constexpr std::string_view primaryToken = "/Library/Application Support/test.orven.app/hardkill.pf-token";
 inline constexpr std::string_view emergencyToken = "/var/run/test.orven.app.hardkill.pf-token";
+inline constexpr std::string_view enablePending = "/Library/Application Support/test.orven.app/hardkill.pf-enable-pending";
+inline constexpr std::string_view mainRulesetPending = "/Library/Application Support/test.orven.app/hardkill.main-ruleset-pending";
 inline constexpr std::string_view legacyPrior = "/Library/Application Support/test.orven.app/hardkill.pf-prior";
 inline constexpr std::string_view legacyPreRuleset = "/Library/Application Support/test.orven.app/hardkill.pre-ruleset";
 inline constexpr std::string_view pfConf = "/etc/pf.conf";
@@ -182,8 +184,31 @@ public:
     static std::optional<std::chrono::system_clock::time_point> storeWrittenAt(DaemonContext& context,
                                                                                TokenStore store);
     static std::optional<std::chrono::system_clock::time_point> systemBootedAt(DaemonContext& context);
-    static TokenRelease releaseHeldTokens(DaemonContext& context, const std::optional<std::string>& except);
+    // When each store was written, as a release should date its tokens.
+    using StoreDates = std::array<std::optional<std::chrono::system_clock::time_point>, 2>;
+    static StoreDates storeDates(DaemonContext& context);
+    // `datedAsOf`: the store dates from before the caller appended a token
+    // (an append renews a file's time, which must not make older tokens in it
+    // look as if they were written since the boot).
+    static TokenRelease releaseHeldTokens(DaemonContext& context, const std::optional<std::string>& except,
+                                          const std::optional<StoreDates>& datedAsOf = std::nullopt);
     static void rollbackOwnReference(DaemonContext& context, const std::string& token);
+
+    // pf's own list of the references it holds; absent when pfctl does not
+    // answer with one.
+    static std::optional<std::vector<HardKillState::PfReference>> pfReferences(DaemonContext& context);
+    // Brings the token files in line with pf: a recorded token pf does not
+    // hold is dropped, and the reference of an enable interrupted before its
+    // token was recorded is found and recorded. Nothing changes when pf's
+    // list cannot be read.
+    static void reconcileTokensWithPf(DaemonContext& context);
+    // Written before `pfctl -E`, removed once its token is recorded: what a
+    // crash in between needs to find the reference again.
+    static OptionalText recordEnableIntent(DaemonContext& context);
+    static void clearEnableIntent(DaemonContext& context);
+    // The reference `pfctl -E` took, found in pf's list when the tool did
+    // not print its token: the one new reference of pfctl's since the intent.
+    static std::optional<std::string> referenceTakenSinceIntent(DaemonContext& context);
 
     // --- Blackout anchor mechanism -------------------------------------------
 
@@ -195,11 +220,22 @@ public:
     };
     static const std::vector<ExternalProbe>& externalProbes();
     static OptionalText engageViaAnchor(DaemonContext& context, const HardKillProof::MainRulesetPlan& plan);
-    static OptionalText liftViaAnchor(DaemonContext& context);
+    // Gives back every recorded reference, logging what could not be.
+    static void giveBackOurReferences(DaemonContext& context);
     static OptionalText engageIsProven(DaemonContext& context);
     static OptionalText disengageIsProven(DaemonContext& context);
     static std::string liftUnprovenMessage(std::string_view reason);
+    struct ProbeSweep {
+        std::vector<std::string> through;    // got an answer: the cut leaks
+        std::vector<std::string> unstarted;  // could not be run: nothing proven
+    };
+    static ProbeSweep sweepExternalProbes(DaemonContext& context);
     static std::vector<std::string> externalProbesThatGotThrough(DaemonContext& context);
+    // `pfctl -E` with its intent recorded first; a token it did not print is
+    // looked up in pf's list.
+    static EnableWithToken enableWithRecordedIntent(DaemonContext& context);
+    // `pfctl -F states`, and the state table read back empty.
+    static OptionalText flushStatesProven(DaemonContext& context);
     static std::optional<std::vector<std::string>> siblingAnchorPasses(DaemonContext& context);
 
     static HardKillProof::MainRulesetPlan mainRulesetPlan(DaemonContext& context, bool liveReadable,
@@ -218,7 +254,17 @@ public:
     static std::optional<std::uint32_t> readHardKillOwner(DaemonContext& context);
     static void clearHardKillOwner(DaemonContext& context);
     static void withdrawHardKillOwnerUnlessCutStands(DaemonContext& context);
-    static std::optional<PFRuleBuilder::LANIsolationParams> isolationToRestore(DaemonContext& context);
+    // The isolation a blackout suspended, when the suspended ruleset is still
+    // the one loaded; `unreadable` when pf could not show what is loaded.
+    struct IsolationRestore {
+        std::optional<PFRuleBuilder::LANIsolationParams> params;
+        OptionalText unreadable;
+    };
+    static IsolationRestore isolationToRestore(DaemonContext& context);
+    // Loads the full isolation again and checks that it is what pf now holds.
+    static OptionalText restoreIsolationVerified(DaemonContext& context, const PFRuleBuilder::LANIsolationParams& params);
+    // The reply of a lift that could not remove the blackout.
+    static std::string stillDarkMessage(std::string_view cause);
     static void restoreSuspendedIsolation(DaemonContext& context, const PFRuleBuilder::LANIsolationParams& params);
 
     // --- LAN isolation -------------------------------------------------------
@@ -231,12 +277,20 @@ public:
                                            HardKillProof::MainRulesetShape shape,
                                            const PFRuleBuilder::LANIsolationParams& params);
     static std::optional<MainRulesetRecord> readMainRulesetRecord(DaemonContext& context);
+    static void writeMainRulesetRecord(DaemonContext& context, const MainRulesetRecord& record);
+    // Written before each load of our own main ruleset (shape, params and the
+    // listing before), removed after: lets a start after a crash mid-load
+    // recognise the ruleset as ours.
+    static void recordMainRulesetIntent(DaemonContext& context, const MainRulesetRecord& intent);
+    static void recoverInterruptedMainRulesetLoad(DaemonContext& context);
     static void clearMainRulesetRecord(DaemonContext& context);
 
     // --- Start-up re-apply and legacy take-over ------------------------------
 
     static void reapplyHardKillAtBoot(DaemonContext& context);
     static void reapplyHardKillLocked(DaemonContext& context);
+    static bool suspendedIsolationRecorded(DaemonContext& context);
+    static void restoreIsolationOfInterruptedEngage(DaemonContext& context);
     static bool legacyTakeOverRecordExists(DaemonContext& context);
     static void clearLegacyTakeOverRecord(DaemonContext& context);
     static void unwindLegacyTakeOverLocked(DaemonContext& context);

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "Text.h"
+
 namespace orven {
 
 std::string_view logLevelName(LogLevel level)
@@ -19,6 +21,23 @@ std::string_view logLevelName(LogLevel level)
     return "Default";
 }
 
+std::string StderrLogSink::lineText(const LogRecord& record)
+{
+    std::string line;
+    line.reserve(record.message.size());
+    std::size_t at = 0;
+    for (const auto& span : record.argumentSpans) {
+        if (span.begin < at || span.begin > record.message.size() ||
+            span.length > record.message.size() - span.begin)
+            continue;
+        line.append(record.message, at, span.begin - at);
+        line.append(text::escapeControlCharacters(std::string_view(record.message).substr(span.begin, span.length)));
+        at = span.begin + span.length;
+    }
+    line.append(record.message, at);
+    return line;
+}
+
 void StderrLogSink::write(const LogRecord& record)
 {
     const auto now = std::chrono::system_clock::now();
@@ -28,11 +47,17 @@ void StderrLogSink::write(const LogRecord& record)
     localtime_r(&seconds, &parts);
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &parts);
+    char prefix[128];
+    std::snprintf(prefix, sizeof prefix, "%s.%03d %-7s ", stamp, static_cast<int>(millis),
+                  std::string(logLevelName(record.level)).c_str());
+    std::string line = prefix;
+    line += "[" + record.subsystem + ":" + record.category + "] ";
+    line += lineText(record);
+    line.push_back('\n');
+    // One write per line, so a NUL inside cannot end it early.
     const std::lock_guard lock(mutex_);
-    std::fprintf(stderr, "%s.%03d %-7s [%s:%s] %s\n", stamp, static_cast<int>(millis),
-                 std::string(logLevelName(record.level)).c_str(), record.subsystem.c_str(),
-                 record.category.c_str(), record.message.c_str());
-    std::fflush(stderr);
+    std::fwrite(line.data(), 1, line.size(), stream_);
+    std::fflush(stream_);
 }
 
 void RecordingLogSink::write(const LogRecord& record)
@@ -75,9 +100,9 @@ void RecordingLogSink::clear()
     records_.clear();
 }
 
-void Logger::emit(LogLevel level, std::string message) const
+void Logger::write(LogLevel level, std::string message, std::vector<LogRecord::Span> spans) const
 {
-    sink_->write(LogRecord{std::string(kLogSubsystem), category_, level, std::move(message)});
+    sink_->write(LogRecord{std::string(kLogSubsystem), category_, level, std::move(message), std::move(spans)});
 }
 
 namespace logformat {
@@ -119,7 +144,7 @@ void appendArg(std::string& out, Conversion conversion, const Arg& arg)
 
 } // namespace
 
-std::string render(std::string_view format, const Arg* args, std::size_t count)
+std::string render(std::string_view format, const Arg* args, std::size_t count, std::vector<LogRecord::Span>* spans)
 {
     std::string out;
     out.reserve(format.size() + 32);
@@ -147,7 +172,9 @@ std::string render(std::string_view format, const Arg* args, std::size_t count)
             out.push_back('%');
             continue;
         }
+        const std::size_t begin = out.size();
         appendArg(out, directive.conversion, args[index++]);
+        if (spans) spans->push_back({begin, out.size() - begin});
         i = directive.begin + directive.length - 1;
     }
     return out;

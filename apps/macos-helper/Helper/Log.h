@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -23,6 +24,13 @@ struct LogRecord {
     std::string category;
     LogLevel level;
     std::string message;
+    // Where each argument's rendering lies in `message`, so a sink can tell
+    // the caller's text from the daemon's own format.
+    struct Span {
+        std::size_t begin = 0;
+        std::size_t length = 0;
+    };
+    std::vector<Span> argumentSpans = {};
 };
 
 class LogSink {
@@ -32,11 +40,17 @@ public:
 };
 
 // Writes one line per record to standard error (the Linux host's log).
+// Control and newline characters in arguments are escaped, so a value from
+// a client can neither cut a line nor forge one.
 class StderrLogSink final : public LogSink {
 public:
+    explicit StderrLogSink(std::FILE* stream = stderr) : stream_(stream) {}
     void write(const LogRecord& record) override;
+    // The message as the line shows it.
+    static std::string lineText(const LogRecord& record);
 
 private:
+    std::FILE* stream_;
     std::mutex mutex_;
 };
 
@@ -167,8 +181,10 @@ Arg makeArg(const T& value)
     return arg;
 }
 
-// Renders a format string whose conversions were checked at compile time.
-std::string render(std::string_view format, const Arg* args, std::size_t count);
+// Renders a format string whose conversions were checked at compile time;
+// `spans`, when given, receives where each argument went.
+std::string render(std::string_view format, const Arg* args, std::size_t count,
+                   std::vector<LogRecord::Span>* spans = nullptr);
 
 } // namespace logformat
 
@@ -206,27 +222,35 @@ public:
     template <class... Args>
     void debug(LogFormat<std::type_identity_t<Args>...> format, const Args&... args) const
     {
-        emit(LogLevel::debug, renderLog<Args...>(format, args...));
+        emit<Args...>(LogLevel::debug, format, args...);
     }
     template <class... Args>
     void info(LogFormat<std::type_identity_t<Args>...> format, const Args&... args) const
     {
-        emit(LogLevel::info, renderLog<Args...>(format, args...));
+        emit<Args...>(LogLevel::info, format, args...);
     }
     // The default level (os_log's OS_LOG_TYPE_DEFAULT).
     template <class... Args>
     void notice(LogFormat<std::type_identity_t<Args>...> format, const Args&... args) const
     {
-        emit(LogLevel::defaultLevel, renderLog<Args...>(format, args...));
+        emit<Args...>(LogLevel::defaultLevel, format, args...);
     }
     template <class... Args>
     void error(LogFormat<std::type_identity_t<Args>...> format, const Args&... args) const
     {
-        emit(LogLevel::error, renderLog<Args...>(format, args...));
+        emit<Args...>(LogLevel::error, format, args...);
     }
 
 private:
-    void emit(LogLevel level, std::string message) const;
+    template <class... Args>
+    void emit(LogLevel level, LogFormat<std::type_identity_t<Args>...> format, const Args&... args) const
+    {
+        const std::array<logformat::Arg, sizeof...(Args)> rendered{logformat::makeArg(args)...};
+        std::vector<LogRecord::Span> spans;
+        std::string message = logformat::render(format.text(), rendered.data(), rendered.size(), &spans);
+        write(level, std::move(message), std::move(spans));
+    }
+    void write(LogLevel level, std::string message, std::vector<LogRecord::Span> spans) const;
 
     LogSink* sink_;
     std::string category_;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <set>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -393,6 +394,35 @@ bool nestsTooDeeply(std::string_view line)
     return false;
 }
 
+// The parser keeps the last of two equal keys; a request must not mean one
+// thing to its writer and another here, so a repeated key (at any depth) is
+// noted for the caller to refuse.
+nlohmann::json parseNotingDuplicateKeys(std::string_view line, std::optional<std::string>& duplicate)
+{
+    std::vector<std::set<std::string>> openObjects;
+    const nlohmann::json::parser_callback_t watch = [&](int, nlohmann::json::parse_event_t event,
+                                                        nlohmann::json& parsed) {
+        using Event = nlohmann::json::parse_event_t;
+        if (event == Event::object_start) openObjects.emplace_back();
+        else if (event == Event::object_end && !openObjects.empty()) openObjects.pop_back();
+        else if (event == Event::key && !openObjects.empty() && !duplicate &&
+                 !openObjects.back().insert(parsed.get<std::string>()).second)
+            duplicate = parsed.get<std::string>();
+        return true;
+    };
+    return nlohmann::json::parse(line, watch, false);
+}
+
+// A client's key named in an error line stays short.
+std::string excerpt(const std::string& text)
+{
+    constexpr std::size_t kMaxEcho = 200;
+    if (text.size() <= kMaxEcho) return text;
+    std::size_t cut = kMaxEcho;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+    return text.substr(0, cut) + "…";
+}
+
 nlohmann::json errorLine(const nlohmann::json& id, std::string message)
 {
     nlohmann::json line = nlohmann::json::object();
@@ -616,11 +646,15 @@ std::variant<Request, nlohmann::json> parseRequest(std::string_view line)
     const nlohmann::json none(nlohmann::json::value_t::discarded);
     if (nestsTooDeeply(line))
         return errorLine(none, "malformed request: nested deeper than " + std::to_string(kMaxRequestDepth) + " levels");
-    auto object = nlohmann::json::parse(line, nullptr, false);
+    std::optional<std::string> duplicate;
+    auto object = parseNotingDuplicateKeys(line, duplicate);
     if (object.is_discarded() || !object.is_object())
         return errorLine(none, "malformed request: expected one JSON object on a line");
     Request request;
     request.id = object.contains("id") ? object["id"] : nlohmann::json(nullptr);
+    if (duplicate)
+        return errorLine(*duplicate == "id" ? none : request.id,
+                         "malformed request: the key \"" + excerpt(*duplicate) + "\" appears more than once in one object");
     const auto selector = object.find("selector");
     if (selector == object.end() || !selector->is_string())
         return errorLine(request.id, "malformed request: \"selector\" must be a string");

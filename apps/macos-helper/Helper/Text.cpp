@@ -1,6 +1,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace orven::text {
 
@@ -169,6 +170,30 @@ std::vector<std::string> splitAtLineFeed(std::string_view text, bool keepEmpty)
     return lines;
 }
 
+std::vector<std::string> splitAtWhitespaceAndNewlines(std::string_view text)
+{
+    std::vector<std::string> words;
+    for (const auto& line : splitLines(text, /*keepEmpty=*/false)) {
+        const auto scalars = decodeUTF8(line);
+        if (!scalars) {
+            // Not UTF-8: only the ASCII separators can be told apart.
+            for (auto& word : splitWords(line, " \t")) words.push_back(std::move(word));
+            continue;
+        }
+        std::string word;
+        for (const char32_t scalar : *scalars) {
+            if (!isWhitespace(scalar)) {
+                appendUTF8(word, scalar);
+                continue;
+            }
+            if (!word.empty()) words.push_back(std::move(word));
+            word.clear();
+        }
+        if (!word.empty()) words.push_back(std::move(word));
+    }
+    return words;
+}
+
 std::vector<std::string> splitWords(std::string_view text, std::string_view separators)
 {
     std::vector<std::string> words;
@@ -253,6 +278,35 @@ std::optional<std::uint64_t> parseUnsigned(std::string_view digits, std::uint64_
         value = value * 10 + digit;
     }
     return value;
+}
+
+std::string escapeControlCharacters(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    char hex[16];
+    for (std::size_t i = 0; i < text.size();) {
+        char32_t scalar = 0;
+        const std::size_t length = readScalar(text, i, scalar);
+        if (length == 0) {
+            std::snprintf(hex, sizeof hex, "\\x{%02x}", static_cast<unsigned>(static_cast<unsigned char>(text[i])));
+            out.append(hex);
+            ++i;
+            continue;
+        }
+        if (scalar == '\\') out.append("\\\\");
+        else if (scalar == '\n') out.append("\\n");
+        else if (scalar == '\r') out.append("\\r");
+        else if (scalar == '\t') out.append("\\t");
+        else if (isControl(scalar) || isNewline(scalar)) {
+            std::snprintf(hex, sizeof hex, "\\u{%x}", static_cast<unsigned>(scalar));
+            out.append(hex);
+        } else {
+            out.append(text.substr(i, length));
+        }
+        i += length;
+    }
+    return out;
 }
 
 } // namespace orven::text

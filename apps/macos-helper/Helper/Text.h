@@ -28,6 +28,8 @@ std::vector<std::string> splitLines(std::string_view text, bool keepEmpty);
 std::vector<std::string> splitAtLineFeed(std::string_view text, bool keepEmpty);
 // Splits at any of `separators` (ASCII), dropping empty pieces.
 std::vector<std::string> splitWords(std::string_view text, std::string_view separators);
+// Splits at white space (Zs and tab) and newline characters, dropping empty pieces.
+std::vector<std::string> splitAtWhitespaceAndNewlines(std::string_view text);
 // Splits at `separator`, keeping empty pieces.
 std::vector<std::string> splitKeepingEmpty(std::string_view text, char separator);
 
@@ -44,5 +46,10 @@ std::size_t scalarCount(std::string_view text);
 
 // Decimal parsers that accept exactly the digits given (no sign unless said).
 std::optional<std::uint64_t> parseUnsigned(std::string_view digits, std::uint64_t max);
+
+// Text safe to put on one log line: control characters (Cc, Cf), newline
+// characters and backslash are written as escapes (\n, \r, \t, \\, \u{85}),
+// bytes that are not UTF-8 as \x{ff}; everything else is kept as it is.
+std::string escapeControlCharacters(std::string_view text);
 
 } // namespace orven::text

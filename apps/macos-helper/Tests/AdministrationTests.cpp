@@ -288,16 +288,18 @@ TEST_F(Administration, ABlackoutThatCannotBeRuledOutAtTheEndDeletesNothing)
 TEST_F(Administration, AReferenceThatCannotBeGivenBackIsNamedAndTheUninstallGoesOn)
 {
     install();
-    // A reference recorded this boot that pf refuses to take back.
-    writeFile(paths::primaryToken, "4242\n");
-    mac.addFault({"--tool", "pfctl", "--args", "-X 4242", "--exit", "1", "--stderr", "pfctl: DIOCSTOPREF: busy",
+    // A reference pf holds, recorded this boot, that pf refuses to take back.
+    const auto token = HardKillState::tokenFromEnableOutput(mac.pfctl({"-E"}).err).value_or("");
+    ASSERT_FALSE(token.empty());
+    writeFile(paths::primaryToken, token + "\n");
+    mac.addFault({"--tool", "pfctl", "--args", "-X .*", "--exit", "1", "--stderr", "pfctl: DIOCSTOPREF: busy",
                   "--times", "0"});
 
     const auto reply = uninstall();
     EXPECT_EQ(reply.values(), std::make_tuple(true, std::optional<std::string>()));
     EXPECT_TRUE(log.containsFragment("uninstallSelf: pf reference NOT handed back: "));
     EXPECT_TRUE(log.containsFragment(
-        ". STRANDED pf REFERENCE(S): 4242 — as root: pfctl -X <number>, one call each"));
+        ". STRANDED pf REFERENCE(S): " + token + " — as root: pfctl -X <number>, one call each"));
     EXPECT_TRUE(log.containsFragment("uninstallSelf: no blackout stands, but a pf reference of ours could NOT be "
                                      "handed back"));
     EXPECT_FALSE(log.containsFragment("final clear proof holds"));
@@ -384,6 +386,20 @@ TEST_F(Administration, SelfTerminateRepliesThenExits)
     EXPECT_TRUE(capture.get<0>());
     EXPECT_TRUE(log.contains("selfTerminate requested — exiting after reply"));
     EXPECT_EQ(waitForExit(), std::vector<int>{0});
+}
+
+// Another client's pf work holds the lock: the exit waits for it, and only a
+// wedged one (past the lock's budget) is left behind.
+TEST_F(Administration, SelfTerminateWaitsForPfWorkInFlight)
+{
+    context.pfLockBudgetSeconds = 0.5;
+    std::unique_lock inFlight(context.pfLock);
+    ReplyCapture<bool> capture;
+    HelperService(context, 501).selfTerminate(capture.reply());
+    ASSERT_EQ(capture.count(), 1);
+    EXPECT_EQ(waitForExit(), std::vector<int>{0});
+    EXPECT_TRUE(log.contains("pf lock unavailable after 0.500000s — another pf operation is wedged"));
+    EXPECT_TRUE(log.contains("selfTerminate: pf work did not finish within the lock's budget — exiting anyway"));
 }
 
 TEST_F(Administration, SpawnDetachedReportsAProgramThatCannotStart)

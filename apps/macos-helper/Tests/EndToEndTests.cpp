@@ -24,6 +24,7 @@
 
 #include "HelperService.h"
 #include "Linux/SocketClient.h"
+#include "Support/DaemonProcess.h"
 #include "Support/SimulatedMac.h"
 #include "Support/TestIdentities.h"
 
@@ -31,174 +32,16 @@ namespace orven {
 namespace {
 
 using nlohmann::json;
+using testing::callAs;
+using testing::Client;
+using testing::DaemonProcess;
+using testing::request;
 using testing::SimulatedMac;
 using testing::TemporaryFolder;
+using testing::waitUntil;
 
-constexpr auto kPatience = std::chrono::seconds(60);
 const std::string kAnchorListing = "-a com\\.apple/999\\.test\\.orven\\.app -sr";
 const std::string kIsolation = "setLANIsolationWithEnabled:interface:gatewayV4:subnetV4:dnsV4:gatewayV6:subnetsV6:dnsV6:reply:";
-
-std::string request(const std::string& selector, json arguments = json::array(), json id = 1)
-{
-    return json{{"id", id}, {"selector", selector}, {"arguments", std::move(arguments)}}.dump() + "\n";
-}
-
-bool waitUntil(const std::function<bool()>& condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return condition();
-}
-
-// One connection to the daemon, read line by line.
-class Client {
-public:
-    explicit Client(const std::string& socketPath) : client_(SocketClient::connect(socketPath)) {}
-
-    bool connected() const { return client_.has_value(); }
-    void send(const std::string& data)
-    {
-        if (client_) client_->send(data);
-    }
-    // The next line, or absent when the connection ended or nothing came.
-    std::optional<std::string> readLine(std::chrono::milliseconds wait = kPatience)
-    {
-        return client_ ? client_->readLine(wait).text : std::nullopt;
-    }
-    std::optional<json> call(const std::string& line)
-    {
-        send(line);
-        const auto answer = readLine();
-        if (!answer) return std::nullopt;
-        return json::parse(*answer, nullptr, false);
-    }
-
-private:
-    std::optional<SocketClient> client_;
-};
-
-// A call made by a child process running as `uid`, the way another user's
-// app would reach the daemon. Only system calls run between fork and exit.
-std::optional<json> callAs(std::uint32_t uid, const std::string& socketPath, const std::string& line)
-{
-    int channel[2];
-    if (::pipe2(channel, O_CLOEXEC) != 0) return std::nullopt;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, socketPath.data(), std::min(socketPath.size(), sizeof address.sun_path - 1));
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::close(channel[0]);
-        if (::setgroups(0, nullptr) != 0 || ::setgid(20) != 0 || ::setuid(uid) != 0) ::_exit(2);
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) ::_exit(3);
-        // A refused client may find the socket closed before its request
-        // is written; the daemon's answer is still there to read.
-        (void)::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
-        char byte;
-        while (::read(fd, &byte, 1) == 1) {
-            if (::write(channel[1], &byte, 1) != 1 || byte == '\n') break;
-        }
-        ::_exit(0);
-    }
-    ::close(channel[1]);
-    if (child < 0) {
-        ::close(channel[0]);
-        return std::nullopt;
-    }
-    std::string answer;
-    char chunk[4096];
-    for (ssize_t n; (n = ::read(channel[0], chunk, sizeof chunk)) > 0;) answer.append(chunk, static_cast<std::size_t>(n));
-    ::close(channel[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || answer.empty()) return std::nullopt;
-    return json::parse(answer, nullptr, false);
-}
-
-// The daemon process over a simulated Mac. Its log is kept in a file.
-class DaemonProcess {
-public:
-    DaemonProcess(const SimulatedMac& mac, std::string socketPath, std::string logPath,
-                  std::vector<std::uint32_t> allowedUIDs = {})
-        : socketPath_(std::move(socketPath)), logPath_(std::move(logPath))
-    {
-        std::vector<std::string> arguments{ORVEN_HELPER_PATH, "--root", mac.root(), "--socket", socketPath_};
-        for (const auto uid : allowedUIDs) {
-            arguments.emplace_back("--allow-uid");
-            arguments.push_back(std::to_string(uid));
-        }
-        std::vector<char*> argv;
-        for (auto& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        const int log = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(log, STDERR_FILENO);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(log);
-    }
-    ~DaemonProcess()
-    {
-        if (running()) {
-            ::kill(pid_, SIGKILL);
-            wait();
-        }
-    }
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
-
-    pid_t pid() const { return pid_; }
-    bool running() const { return pid_ > 0 && !status_; }
-
-    // True once a client can connect.
-    bool waitUntilListening()
-    {
-        return waitUntil([this] {
-            if (exitedNow()) return true;
-            return SocketClient::connect(socketPath_).has_value();
-        }) && running();
-    }
-
-    // The exit status, once the process has ended by itself.
-    std::optional<int> waitForExit()
-    {
-        waitUntil([this] { return exitedNow(); });
-        return status_;
-    }
-    int wait()
-    {
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        status_ = status;
-        return status;
-    }
-
-    std::string log() const
-    {
-        std::ifstream file(logPath_);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
-
-private:
-    bool exitedNow()
-    {
-        if (status_) return true;
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
-        return status_.has_value();
-    }
-
-    pid_t pid_ = -1;
-    std::string socketPath_;
-    std::string logPath_;
-    std::optional<int> status_;
-};
 
 class EndToEnd : public ::testing::Test {
 protected:
@@ -210,7 +53,7 @@ protected:
 
     std::unique_ptr<DaemonProcess> start(std::vector<std::uint32_t> allowedUIDs = {})
     {
-        auto daemon = std::make_unique<DaemonProcess>(mac, socketPath, sockets.path() + "/daemon.log",
+        auto daemon = std::make_unique<DaemonProcess>(mac.root(), socketPath, sockets.path() + "/daemon.log",
                                                       std::move(allowedUIDs));
         EXPECT_TRUE(daemon->waitUntilListening()) << daemon->log();
         return daemon;

@@ -289,7 +289,8 @@ TEST_F(HardKill, ReapplyDropsAReferenceFromBeforeTheReboot)
     daemon.mac.reboot();
     HelperService::reapplyHardKillAtBoot(context());
     EXPECT_FALSE(daemon.mac.fileExists(paths::primaryToken));
-    EXPECT_TRUE(daemon.log.contains("pf token(s) predate this boot — they name no reference and were removed"));
+    EXPECT_TRUE(daemon.log.contains("pf holds no reference for the recorded token(s) " + token +
+                                    " — removed from disk"));
 }
 
 TEST_F(HardKill, AnEngageCutShortBeforeItsMarkerLeavesNothingAfterTheNextStart)
@@ -463,9 +464,15 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         LiftFault{"AnchorFlushFails",
                   {"--tool", "pfctl", "--args", kAnchorPattern + " -F rules", "--exit", "1", "--stderr", "busy"},
-                  "pfctl -a … -F rules failed (1): busy", false},
+                  "Hard Kill is still ON — the blackout could not be removed (pfctl -a … -F rules failed (1): busy). "
+                  "This Mac is still cut off from the network. Try again; if it persists, run: sudo "
+                  "/Library/PrivilegedHelperTools/test.orven.app/hardkill-deactivate.sh",
+                  true},
         LiftFault{"AnchorFlushHangs", {"--tool", "pfctl", "--args", kAnchorPattern + " -F rules", "--hang"},
-                  "pfctl -a … -F rules failed (124): timed out after 1s and was killed", false},
+                  "Hard Kill is still ON — the blackout could not be removed (pfctl -a … -F rules failed (124): timed "
+                  "out after 1s and was killed). This Mac is still cut off from the network. Try again; if it "
+                  "persists, run: sudo /Library/PrivilegedHelperTools/test.orven.app/hardkill-deactivate.sh",
+                  true},
         LiftFault{"ReleaseRefused", {"--tool", "pfctl", "--args", "-X .*", "--exit", "1", "--stderr", "x"},
                   "ORVEN lifted the blackout but could not confirm it is gone — the blackout is gone and you are "
                   "online, but ORVEN could not give its pf reference back — pf stays switched on because of ORVEN "

@@ -146,5 +146,31 @@ TEST(HardKillState, KeepAfterFailedRelease)
     for (const Case& c : cases) EXPECT_EQ(keepAfterFailedRelease(c.refused, c.bootedAt), c.expected) << c.label;
 }
 
+TEST(HardKillState, ReferencesFromListing)
+{
+    using List = std::vector<PfReference>;
+    const std::string header = "TOKENS:\nPID      Process Name                 TOKEN                    TIMESTAMP\n";
+    const std::pair<std::string, std::optional<List>> cases[] = {
+        {"No pf starter references held\n", List{}},
+        {header + "4063     pfctl                        15053025338191571182     0 days 00:00:07\n",
+         List{{"15053025338191571182", "pfctl", 7}}},
+        {header + "1        pfctl                        2                        3 days 01:02:03\n"
+                  "88       Application Firewall         9                        0 days 00:00:00\n",
+         List{{"2", "pfctl", 3 * 86400 + 3723}, {"9", "Application Firewall", 0}}},
+        {header, List{}},
+        // What is not such a listing is unknown, never "none".
+        {"", std::nullopt},
+        {"garbage\n", std::nullopt},
+        {"TOKENS:\n", std::nullopt},
+        {header + "4063 pfctl 15053025338191571182\n", std::nullopt},
+        {header + "x pfctl 1 0 days 00:00:00\n", std::nullopt},
+        {header + "1 pfctl 1a 0 days 00:00:00\n", std::nullopt},
+        {header + "1 pfctl 1 0 weeks 00:00:00\n", std::nullopt},
+        {header + "1 pfctl 1 0 days 00:61:00\n", std::nullopt},
+        {"TOKENS:\n1 pfctl 1 0 days 00:00:00\n", std::nullopt},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(referencesFromListing(text), expected) << text;
+}
+
 } // namespace
 } // namespace orven

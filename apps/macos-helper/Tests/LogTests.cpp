@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -134,6 +135,58 @@ TEST(Log, LevelNames)
     EXPECT_EQ(logLevelName(LogLevel::defaultLevel), "Default");
     EXPECT_EQ(logLevelName(LogLevel::error), "Error");
 }
+
+// --- The stderr sink -----------------------------------------------------------
+
+// What the stderr sink writes for one record, from the level on.
+std::string stderrLine(const Logger& logger, const std::function<void(const Logger&)>& emit, std::FILE* file)
+{
+    emit(logger);
+    std::fflush(file);
+    std::rewind(file);
+    std::string written;
+    char chunk[4096];
+    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) written.append(chunk, n);
+    const auto level = written.find("Error");
+    return level == std::string::npos ? written : written.substr(level);
+}
+
+struct EscapeCase {
+    const char* name;
+    std::string argument;
+    std::string shown;
+};
+
+class StderrArgument : public ::testing::TestWithParam<EscapeCase> {};
+
+TEST_P(StderrArgument, IsEscapedAndTheFormatKept)
+{
+    std::FILE* file = std::tmpfile();
+    ASSERT_NE(file, nullptr);
+    StderrLogSink sink(file);
+    const Logger logger(sink, "Listener");
+    const auto line = stderrLine(
+        logger, [&](const Logger& log) { log.error("rejected\t%{public}s (%{public}d)", GetParam().argument, 7); },
+        file);
+    std::fclose(file);
+    // The format's own tab stays; only the argument is escaped.
+    EXPECT_EQ(line, "Error   [test.orven.app.helper:Listener] rejected\t" + GetParam().shown + " (7)\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, StderrArgument,
+    ::testing::Values(
+        EscapeCase{"Plain", "en0 é ✓", "en0 é ✓"},
+        EscapeCase{"ForgedLine", "en0\n2026-11-24 Default [x:HardKill] Hard Kill DISENGAGED and VERIFIED",
+                   "en0\\n2026-11-24 Default [x:HardKill] Hard Kill DISENGAGED and VERIFIED"},
+        EscapeCase{"NUL", std::string("cut\0here", 8), "cut\\u{0}here"},
+        EscapeCase{"CRLFAndTab", "a\r\n\tb", "a\\r\\n\\tb"},
+        EscapeCase{"OtherNewlines", "v\vf\f\u0085\u2028\u2029", "v\\u{b}f\\u{c}\\u{85}\\u{2028}\\u{2029}"},
+        EscapeCase{"FormatCharacters", "\u202Een0\u200B\uFEFF", "\\u{202e}en0\\u{200b}\\u{feff}"},
+        EscapeCase{"DeleteAndEscape", "\x7f\x1b[31m", "\\u{7f}\\u{1b}[31m"},
+        EscapeCase{"Backslash", "a\\nb", "a\\\\nb"},
+        EscapeCase{"NotUTF8", "\xff\xc3(", "\\x{ff}\\x{c3}("}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
 } // namespace orven

@@ -34,6 +34,11 @@ protected:
         EXPECT_FALSE(HelperService::persistTokenImmediately(context(), token));
         return token;
     }
+    // pf's reference list unreadable: only then do dates decide.
+    void hidePfReferences()
+    {
+        daemon.mac.addFault({"--tool", "pfctl", "--args", "-s References", "--exit", "1", "--times", "0"});
+    }
     // Makes a store's place on disk unwritable, even for root.
     void block(std::string_view macDirectory)
     {
@@ -138,6 +143,7 @@ TEST_F(TokenStore, TheSameTokenInBothFilesIsReleasedOnceAndRemovedFromBoth)
 TEST_F(TokenStore, ARefusedTokenWrittenSinceTheBootIsKept)
 {
     takeReference();
+    hidePfReferences();
     ASSERT_FALSE(HelperService::writeTokens(context(), {"31337"}, Store::primary));
     const auto release = HelperService::releaseHeldTokens(context(), std::nullopt);
     EXPECT_EQ(release.kind, Kind::failed);
@@ -148,6 +154,7 @@ TEST_F(TokenStore, TokensFromBeforeARebootAreDroppedByTheBootTimeRule)
 {
     takeRecordedReference();
     daemon.mac.reboot();
+    hidePfReferences();
     EXPECT_EQ(HelperService::releaseHeldTokens(context(), std::nullopt).kind, Kind::released);
     EXPECT_FALSE(daemon.mac.fileExists(kPrimary));
     EXPECT_TRUE(daemon.log.contains("pf token(s) predate this boot — they name no reference and were removed"));
@@ -158,6 +165,7 @@ TEST_F(TokenStore, AnUnknownBootTimeKeepsRefusedTokens)
     const auto token = takeRecordedReference();
     daemon.mac.reboot();
     std::filesystem::remove(daemon.mac.root() + "/.macsim/boottime");
+    hidePfReferences();
     EXPECT_EQ(HelperService::releaseHeldTokens(context(), std::nullopt).kind, Kind::failed);
     EXPECT_EQ(HelperService::readTokens(context(), Store::primary), std::vector<std::string>{token});
 }
@@ -179,6 +187,75 @@ TEST_F(TokenStore, RollbackKeepsATokenPfRefused)
     EXPECT_EQ(daemon.mac.readFile(kPrimary), "4242\n");
     EXPECT_TRUE(daemon.log.contains("engage rolled back, but its own pf reference could not be released — the token "
                                     "stays on disk so a later lift can retry"));
+}
+
+// pf's own list settles what an exit status cannot.
+TEST_F(TokenStore, ARefusedTokenPfDoesNotHoldIsDroppedWhateverItsDate)
+{
+    takeReference();  // pf stays on, so -X of a stranger says "token invalid"
+    ASSERT_FALSE(HelperService::writeTokens(context(), {"31337"}, Store::primary));
+    EXPECT_EQ(HelperService::releaseHeldTokens(context(), std::nullopt).kind, Kind::released);
+    EXPECT_FALSE(daemon.mac.fileExists(kPrimary));
+    EXPECT_TRUE(daemon.log.contains("pf token(s) name no reference pf holds — they were removed from disk"));
+}
+
+TEST_F(TokenStore, AReleaseThatExitsZeroButLeavesTheReferenceKeepsTheToken)
+{
+    const auto token = takeRecordedReference();
+    daemon.mac.addFault({"--tool", "pfctl", "--args", "-X .*", "--exit", "0"});
+    const auto release = HelperService::releaseHeldTokens(context(), std::nullopt);
+    EXPECT_EQ(release.kind, Kind::failed);
+    EXPECT_EQ(HelperService::readTokens(context(), Store::primary), std::vector<std::string>{token});
+    EXPECT_TRUE(daemon.log.contains("pfctl -X " + token +
+                                    " exited 0 but pf still holds that reference — the token stays on disk"));
+}
+
+TEST_F(TokenStore, RollbackKeepsATokenWhoseReleaseExitedZeroButDidNothing)
+{
+    const auto token = takeRecordedReference();
+    daemon.mac.addFault({"--tool", "pfctl", "--args", "-X .*", "--exit", "0"});
+    HelperService::rollbackOwnReference(context(), token);
+    EXPECT_EQ(HelperService::readTokens(context(), Store::primary), std::vector<std::string>{token});
+    EXPECT_EQ(HelperService::pfIsEnabled(context()), true);
+}
+
+TEST_F(TokenStore, ReconcilingDropsRecordedTokensPfDoesNotHold)
+{
+    const auto live = takeRecordedReference();
+    ASSERT_FALSE(HelperService::writeTokens(context(), {"1", live}, Store::emergency));
+    HelperService::reconcileTokensWithPf(context());
+    EXPECT_EQ(HelperService::readTokens(context(), Store::primary), std::vector<std::string>{live});
+    EXPECT_EQ(HelperService::readTokens(context(), Store::emergency), std::vector<std::string>{live});
+    EXPECT_TRUE(daemon.log.contains("pf holds no reference for the recorded token(s) 1 — removed from disk"));
+}
+
+TEST_F(TokenStore, ReconcilingChangesNothingWhenPfsListCannotBeRead)
+{
+    ASSERT_FALSE(HelperService::writeTokens(context(), {"1"}, Store::primary));
+    hidePfReferences();
+    HelperService::reconcileTokensWithPf(context());
+    EXPECT_EQ(HelperService::readTokens(context(), Store::primary), std::vector<std::string>{"1"});
+}
+
+// What a daemon killed between `pfctl -E` and the token's record leaves.
+TEST_F(TokenStore, AnEnableInterruptedBeforeItsRecordIsFoundAndRecorded)
+{
+    const auto earlier = takeReference();  // somebody else's, held before
+    ASSERT_FALSE(HelperService::recordEnableIntent(context()));
+    const auto ours = takeReference();
+    HelperService::reconcileTokensWithPf(context());
+    EXPECT_EQ(HelperService::readTokens(context(), Store::primary), std::vector<std::string>{ours});
+    EXPECT_FALSE(daemon.mac.fileExists("/Library/Application Support/test.orven.app/hardkill.pf-enable-pending"));
+    EXPECT_NE(earlier, ours);
+}
+
+TEST_F(TokenStore, TwoNewReferencesSinceTheIntentAreNotToldApartAndNeitherIsAdopted)
+{
+    ASSERT_FALSE(HelperService::recordEnableIntent(context()));
+    takeReference();
+    takeReference();
+    HelperService::reconcileTokensWithPf(context());
+    EXPECT_TRUE(HelperService::allHeldTokens(context()).empty());
 }
 
 } // namespace

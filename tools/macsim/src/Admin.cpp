@@ -36,7 +36,7 @@ constexpr std::string_view kHelp = R"(usage: macsim <command> ROOT [arguments]
   reboot ROOT                       restart it: pf stock and disabled, /var/run emptied, new boot time
   run ROOT TOOL [ARGS...]           run a tool without its link (pfctl, ping, ping6, nc, ...)
   fault ROOT add --tool TOOL [--args REGEX] [--exit N] [--stdout TEXT] [--stderr TEXT]
-                 [--hang] [--delay SECONDS] [--times N]
+                 [--hang] [--delay SECONDS] [--times N] [--skip N] [--kill-caller]
   fault ROOT clear | list
   calls ROOT [--json] [--mutating] | --clear
   leak-test ROOT                    send a battery of packets; exit 0 only if none passed
@@ -222,7 +222,8 @@ int fault(const std::string& root, std::vector<std::string> args) {
     }
     if (sub == "list") {
         for (const auto& f : s.faults()) {
-            nlohmann::json j = {{"tool", f.tool}, {"hang", f.hang}, {"delay", f.delay}, {"times", f.times}};
+            nlohmann::json j = {{"tool", f.tool},   {"hang", f.hang}, {"delay", f.delay},
+                                {"times", f.times}, {"skip", f.skip}, {"kill-caller", f.killCaller}};
             if (f.args)
                 j["args"] = *f.args;
             if (f.exitStatus)
@@ -266,6 +267,11 @@ int fault(const std::string& root, std::vector<std::string> args) {
         r.times = static_cast<int>(number(*v, "--times"));
     if (r.times < 0)
         fail("--times must be 0 (always) or more", 64);
+    if (auto v = option(args, "--skip"))
+        r.skip = static_cast<int>(number(*v, "--skip"));
+    if (r.skip < 0)
+        fail("--skip must be 0 or more", 64);
+    r.killCaller = flag(args, "--kill-caller");
     if (!args.empty())
         fail("unexpected argument " + args.front(), 64);
     s.faults().push_back(r);

@@ -1,3 +1,4 @@
+#include <csignal>
 #include <cerrno>
 #include <chrono>
 #include <regex>
@@ -72,7 +73,7 @@ std::optional<FaultAnswer> consultFaults(Session& session, std::string_view tool
     const std::string joined = joinArgs(args);
     for (std::size_t i = 0; i < faults.size(); ++i) {
         const FaultRule& f = faults[i];
-        if (f.tool != tool)
+        if (f.tool != tool && f.tool != "*")
             continue;
         if (f.args) {
             try {
@@ -82,7 +83,12 @@ std::optional<FaultAnswer> consultFaults(Session& session, std::string_view tool
                 continue;
             }
         }
-        answer = FaultAnswer{f.exitStatus, f.out, f.err, f.hang, f.delay};
+        if (f.skip > 0) {
+            --faults[i].skip;
+            session.touchFaults();
+            continue;
+        }
+        answer = FaultAnswer{f.exitStatus, f.out, f.err, f.hang, f.delay, f.killCaller};
         if (f.times > 0) {
             if (--faults[i].times == 0)
                 faults.erase(faults.begin() + static_cast<std::ptrdiff_t>(i));
@@ -108,12 +114,16 @@ int runTool(const ToolEntry& entry, const std::string& root, std::vector<std::st
             while (fault->hang)
                 ::pause();
             if (fault->exitStatus) {
+                if (fault->killCaller)
+                    ::kill(::getppid(), SIGKILL);
                 writeAll(1, fault->out.value_or(""));
                 writeAll(2, fault->err.value_or(""));
                 return *fault->exitStatus;
             }
         }
         const int status = entry.run(c);
+        if (fault && fault->killCaller)
+            ::kill(::getppid(), SIGKILL);
         if (fault && fault->out)
             c.out = *fault->out;
         if (fault && fault->err)

@@ -144,6 +144,8 @@ std::vector<FaultRule>& Session::faults() {
                 r.hang = f.value("hang", false);
                 r.delay = f.value("delay", 0.0);
                 r.times = f.value("times", 1);
+                r.skip = f.value("skip", 0);
+                r.killCaller = f.value("kill-caller", false);
                 faults_->push_back(r);
             }
         }
@@ -174,7 +176,8 @@ void Session::save() {
         } else {
             nlohmann::json arr = nlohmann::json::array();
             for (const auto& r : *faults_) {
-                nlohmann::json f = {{"tool", r.tool}, {"hang", r.hang}, {"delay", r.delay}, {"times", r.times}};
+                nlohmann::json f = {{"tool", r.tool},   {"hang", r.hang}, {"delay", r.delay},
+                                    {"times", r.times}, {"skip", r.skip}, {"kill-caller", r.killCaller}};
                 if (r.args)
                     f["args"] = *r.args;
                 if (r.exitStatus)

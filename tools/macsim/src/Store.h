@@ -30,6 +30,10 @@ struct FaultRule {
     bool hang = false;
     double delay = 0;
     int times = 1; // 0: every call
+    int skip = 0;  // matching calls let through untouched before the rule answers
+    // After the tool has run (its change to the model kept), the process that
+    // started it is killed: how tests stop the daemon after a chosen call.
+    bool killCaller = false;
 };
 
 struct CallRecord {

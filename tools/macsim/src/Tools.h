@@ -43,6 +43,7 @@ struct FaultAnswer {
     std::optional<std::string> out, err;
     bool hang = false;
     double delay = 0;
+    bool killCaller = false;
 };
 std::optional<FaultAnswer> consultFaults(Session& session, std::string_view tool,
                                          const std::vector<std::string>& args, bool mutating);
