@@ -40,6 +40,8 @@ public:
     {
         return inner_.openPreferences(name);
     }
+    FileKeychainCalls& keychain() override { return inner_.keychain(); }
+    std::string temporaryDirectory() const override { return inner_.temporaryDirectory(); }
 
 private:
     Host& inner_;

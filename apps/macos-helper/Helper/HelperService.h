@@ -59,6 +59,7 @@ inline constexpr std::string_view launchctl = "/bin/launchctl";
 inline constexpr std::string_view log = "/usr/bin/log";
 inline constexpr std::string_view ifconfig = "/sbin/ifconfig";
 inline constexpr std::string_view knownWiFiNetworks = "/Library/Preferences/com.apple.wifi.known-networks.plist";
+inline constexpr std::string_view security = "/usr/bin/security";
 } // namespace paths
 
 class HelperService {
@@ -91,6 +92,14 @@ public:
     static constexpr int powerlineListenMillis = 1000;
     using PowerlineReply = Reply<std::optional<std::vector<std::uint8_t>>, OptionalText>;
     void readPowerlineTopology(const std::string& interfaceName, PowerlineReply reply);
+    // --- VPN identity and trusted CAs ----------------------------------------
+
+    void installVPNIdentity(const std::vector<std::uint8_t>& pkcs12, const std::string& passphrase,
+                            Reply<std::int64_t, OptionalText> reply);
+    void releaseVPNIdentity(const std::vector<std::uint8_t>& pkcs12, const std::string& passphrase,
+                            Reply<std::int64_t, OptionalText> reply);
+    void installTrustedCA(const std::vector<std::uint8_t>& certificateDER, ActionReply reply);
+    void removeTrustedCA(const std::vector<std::uint8_t>& certificateDER, ActionReply reply);
 
     // --- Shared validators (pure) -------------------------------------------
 
@@ -362,6 +371,10 @@ public:
     // within 1…300.
     static std::int64_t ikev2LookBackSeconds(double nowEpoch, double sinceEpoch);
     static std::string filterIKEv2DiagnosticLines(std::string_view output, std::string_view serverAddress);
+    // --- Trusted CA commands -------------------------------------------------
+
+    void runTrustedCertCommand(const std::vector<std::uint8_t>& certificateDER, bool install, std::string_view label,
+                               ActionReply& reply);
 
 private:
     DaemonContext& context_;

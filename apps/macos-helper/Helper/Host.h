@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "BoundedProcess.h"
+#include "FileKeychainCalls.h"
 #include "Log.h"
 #include "SetupOwnership.h"
 
@@ -148,6 +149,13 @@ public:
     };
     // SCPreferencesCreate with that name; absent when no session can be had.
     virtual std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) = 0;
+    // --- Security framework and temporary files ------------------------------
+
+    // The keychain calls of the VPN identity and trusted CA work (a simulated
+    // System keychain on the Linux host).
+    virtual FileKeychainCalls& keychain() = 0;
+    // The process's temporary directory, as a macOS path.
+    virtual std::string temporaryDirectory() const = 0;
 };
 
 } // namespace orven

@@ -27,6 +27,7 @@
 #include "Support/DaemonProcess.h"
 #include "MethodDispatch.h"
 #include "Support/SimulatedMac.h"
+#include "Support/TestIdentities.h"
 
 namespace orven {
 namespace {
@@ -429,6 +430,41 @@ TEST_F(EndToEnd, EveryNetworkAndWiFiMethodAnswers)
     EXPECT_NE(info.find("IP address: 10.0.0.5\nSubnet mask: 255.255.255.0\nRouter: 10.0.0.1\n"), std::string::npos)
         << info;
     EXPECT_EQ(daemon->log().find(password), std::string::npos);
+}
+
+TEST_F(EndToEnd, TheIdentityAndCAMethodsAnswerThroughTheDaemon)
+{
+    auto daemon = start();
+    const std::string passphrase = "end-to-end 4c1d passphrase";
+    const auto& identity = testing::testIdentity(testing::KeyKind::p256);
+    const auto pkcs12 = testing::makePKCS12(identity, passphrase);
+    sockets.writeFile("identity.p12", std::string(pkcs12.begin(), pkcs12.end()));
+    sockets.writeFile("ca.der", std::string(identity.certificateDER.begin(), identity.certificateDER.end()));
+    const auto orvenctl = [&](const std::string& selector, std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--socket", socketPath, selector});
+        const auto result = BoundedProcess::run(ORVEN_ORVENCTL_PATH, arguments, std::nullopt, 60, 2);
+        EXPECT_EQ(result.code, 0) << result.err;
+        return json::parse(result.out, nullptr, false)["reply"];
+    };
+    const std::string p12 = "@" + sockets.path() + "/identity.p12", ca = "@" + sockets.path() + "/ca.der";
+    const std::string install = "installVPNIdentityWithPkcs12:passphrase:reply:";
+    const std::string release = "releaseVPNIdentityWithPkcs12:passphrase:reply:";
+    EXPECT_EQ(orvenctl(install, {p12, passphrase}), json::array({1, nullptr}));
+    EXPECT_EQ(orvenctl(install, {p12, passphrase}), json::array({0, nullptr}));
+    EXPECT_EQ(orvenctl(install, {p12, "wrong"}), json::array({-1, "the passphrase does not open the identity"}));
+    EXPECT_EQ(orvenctl(release, {p12, passphrase}), json::array({0, nullptr}));
+    EXPECT_EQ(orvenctl("installTrustedCAWithCertificateDER:reply:", {ca}), kOK);
+    EXPECT_EQ(orvenctl("removeTrustedCAWithCertificateDER:reply:", {ca}), kOK);
+    EXPECT_EQ(orvenctl("removeTrustedCAWithCertificateDER:reply:", {ca}),
+              json::array({false, "security exited 1: SecTrustSettingsRemoveTrustSettings: The specified item could "
+                                  "not be found in the keychain."}));
+
+    const auto log = daemon->log();
+    EXPECT_NE(log.find("installVPNIdentity: installed"), std::string::npos) << log;
+    EXPECT_NE(log.find("releaseVPNIdentity: removed"), std::string::npos) << log;
+    EXPECT_NE(log.find("installTrustedCA OK"), std::string::npos) << log;
+    EXPECT_EQ(log.find(passphrase), std::string::npos);
+    EXPECT_EQ(log.find("not available in this build"), std::string::npos);
 }
 
 } // namespace

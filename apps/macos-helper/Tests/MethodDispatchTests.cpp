@@ -266,6 +266,16 @@ TEST(Implemented, TheHardKillCoreIsWired)
     }
 }
 
+TEST(Implemented, TheIdentityAndCAMethodsAreWired)
+{
+    for (const char* selector : {"installVPNIdentityWithPkcs12:passphrase:reply:",
+                                 "releaseVPNIdentityWithPkcs12:passphrase:reply:",
+                                 "installTrustedCAWithCertificateDER:reply:", "removeTrustedCAWithCertificateDER:reply:"}) {
+        ASSERT_NE(findMethod(selector), nullptr) << selector;
+        EXPECT_TRUE(md::isImplemented(*findMethod(selector))) << selector;
+    }
+}
+
 TEST(Refusal, FillsEachShape)
 {
     const auto message = std::string("no");

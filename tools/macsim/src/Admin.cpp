@@ -19,6 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Keychain.h"
 #include "PfListing.h"
 #include "Preferences.h"
 #include "Probe.h"
@@ -61,6 +62,9 @@ constexpr std::string_view kHelp = R"(usage: macsim <command> ROOT [arguments]
   service ROOT add NAME (--device BSD | --no-device) [--disabled] | list | remove NAME
           | enable NAME | disable NAME
   bench ROOT [--iterations N]       time whole pfctl calls; prints pfctl_call_ms=<median>
+  keychain ROOT list | plant-key LABEL-HEX [--type T] [--creator PATH] [--signer PATH]... [--any-application]
+           | macos VERSION | headless on|off | import-key | add-certificate | delete ID
+                                    the System keychain and admin trust settings
 )";
 
 struct AdminError {
@@ -154,7 +158,9 @@ int init(const std::string& root) {
     const StorePaths paths(root);
     for (const char* dir : {"/.macsim/launchd", "/sbin", "/bin", "/usr/bin", "/usr/sbin", "/etc/pf.anchors",
                             "/Library/Application Support", "/var/run", "/Library/LaunchDaemons", "/Library/Preferences",
-                            "/Library/PrivilegedHelperTools/test.orven.app/ORVEN Helper.app"}) {
+                            "/Library/PrivilegedHelperTools/test.orven.app/ORVEN Helper.app",
+                            "/Library/Keychains", "/tmp", "/usr/libexec",
+                            "/System/Library/Frameworks/NetworkExtension.framework/PlugIns/NEIKEv2Provider.appex"}) {
         std::error_code ec;
         fs::create_directories(root + dir, ec);
         if (ec)
@@ -170,6 +176,12 @@ int init(const std::string& root) {
             fail("cannot link " + link + ": " + ec.message());
     }
     writeText(paths.host("/etc/pf.conf"), kStockPfConf);
+    // The System keychain's items live in the state folder; the file and the
+    // IKEv2 signing programs are there to be found by path.
+    writeText(paths.host("/Library/Keychains/System.keychain"), "");
+    writeText(paths.host("/usr/sbin/racoon"), "");
+    writeText(paths.host("/usr/libexec/nehelper"), "");
+    ::unlink((paths.dir + "/keychain.json").c_str());
     writeText(paths.host("/etc/pf.anchors/com.apple"), kStockAppleAnchor);
     ::unlink(paths.faults.c_str());
     ::unlink(paths.calls.c_str());
@@ -1122,6 +1134,8 @@ int adminMain(std::vector<std::string> args) {
             return service(root, rest);
         if (command == "bench")
             return bench(root, rest);
+        if (command == "keychain")
+            return keychainCommand(root, rest);
         fail("unknown command " + command + " (try: macsim help)", 64);
     } catch (const AdminError& e) {
         std::cerr << "macsim: " << e.message << "\n";

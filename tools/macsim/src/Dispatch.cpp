@@ -58,6 +58,7 @@ const std::vector<ToolEntry>& tools() {
         {"log", "/usr/bin/log", logMain, nullptr},
         {"networksetup", "/usr/sbin/networksetup", networksetupMain, nullptr},
         {"ifconfig", "/sbin/ifconfig", ifconfigMain, nullptr},
+        {"security", "/usr/bin/security", securityMain, securityMutates},
     };
     return table;
 }

@@ -76,5 +76,7 @@ int ifconfigMain(ToolContext& c);
 // The arguments as the call record and fault rules see them: secrets a
 // caller passes on a command line (a Wi-Fi password) are masked.
 std::vector<std::string> recordedArguments(std::string_view tool, const std::vector<std::string>& args);
+int securityMain(ToolContext& c);
+bool securityMutates(const std::vector<std::string>& args);
 
 } // namespace orven::macsim

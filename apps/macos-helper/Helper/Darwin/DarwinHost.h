@@ -9,6 +9,7 @@
 
 #include <os/log.h>
 
+#include "DarwinKeychainCalls.h"
 #include "Host.h"
 
 namespace orven {
@@ -44,8 +45,12 @@ public:
     // SCPreferences sessions (DarwinPreferences.mm).
     std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override;
 
+    FileKeychainCalls& keychain() override { return keychain_; }
+    std::string temporaryDirectory() const override;
+
 private:
     OSLogSink sink_;
+    DarwinKeychainCalls keychain_;
 };
 
 } // namespace orven

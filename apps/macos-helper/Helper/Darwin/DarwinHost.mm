@@ -97,6 +97,11 @@ std::optional<Host::WallClock::time_point> DarwinHost::bootTime() const
 // static host and context under XPC threads that still use them.
 void DarwinHost::exitProcess(int status) { ::_exit(status); }
 
+std::string DarwinHost::temporaryDirectory() const
+{
+    return std::string(NSTemporaryDirectory().fileSystemRepresentation);
+}
+
 // --- SystemConfiguration -----------------------------------------------------
 
 Host::StoreCopy DarwinHost::copyDynamicStore(std::string_view sessionName, std::string_view pattern)

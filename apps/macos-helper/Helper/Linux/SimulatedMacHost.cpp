@@ -17,7 +17,14 @@ constexpr double kSimulatorKillGrace = 2.0;
 } // namespace
 
 SimulatedMacHost::SimulatedMacHost(std::string root, LogSink& sink, std::function<void(int)> onExit)
-    : root_(std::move(root)), sink_(sink), onExit_(std::move(onExit))
+    : root_(std::move(root)),
+      sink_(sink),
+      onExit_(std::move(onExit)),
+      keychain_(root_, [this](const std::vector<std::string>& arguments, const std::optional<std::string>& input) {
+          std::vector<std::string> full{"keychain"};
+          full.insert(full.end(), arguments.begin(), arguments.end());
+          return simulator(full, input);
+      })
 {
     while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
 }
@@ -47,7 +54,8 @@ void SimulatedMacHost::exitProcess(int status)
     else std::exit(status);
 }
 
-BoundedProcess::Result SimulatedMacHost::simulator(const std::vector<std::string>& arguments)
+BoundedProcess::Result SimulatedMacHost::simulator(const std::vector<std::string>& arguments,
+                                                   const std::optional<std::string>& standardInput)
 {
     // Every tool under the root is a link to the simulator binary.
     char resolved[PATH_MAX];
@@ -55,7 +63,7 @@ BoundedProcess::Result SimulatedMacHost::simulator(const std::vector<std::string
         return {BoundedProcess::kSpawnFailed, {}, "the simulated Mac has no tools installed"};
     std::vector<std::string> full{arguments.front(), root_};
     full.insert(full.end(), arguments.begin() + 1, arguments.end());
-    return BoundedProcess::run(resolved, full, std::nullopt, kSimulatorTimeout, kSimulatorKillGrace);
+    return BoundedProcess::run(resolved, full, standardInput, kSimulatorTimeout, kSimulatorKillGrace);
 }
 
 Host::StoreCopy SimulatedMacHost::copyDynamicStore(std::string_view, std::string_view pattern)

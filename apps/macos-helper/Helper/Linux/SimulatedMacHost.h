@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Host.h"
+#include "Linux/SimulatedKeychain.h"
 
 namespace orven {
 
@@ -33,13 +34,18 @@ public:
     // The simulated Mac's preferences (SimulatedMacPreferences.cpp).
     std::unique_ptr<PreferencesSession> openPreferences(std::string_view name) override;
 
+    FileKeychainCalls& keychain() override { return keychain_; }
+    std::string temporaryDirectory() const override { return "/tmp"; }
+
 private:
     // Runs the simulator's own command for this root.
-    BoundedProcess::Result simulator(const std::vector<std::string>& arguments);
+    BoundedProcess::Result simulator(const std::vector<std::string>& arguments,
+                                     const std::optional<std::string>& standardInput = std::nullopt);
 
     std::string root_;
     LogSink& sink_;
     std::function<void(int)> onExit_;
+    SimulatedKeychain keychain_;
 };
 
 } // namespace orven
