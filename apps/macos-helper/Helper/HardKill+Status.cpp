@@ -11,6 +11,11 @@ namespace {
 const std::string kUnreadableAnchor =
     "pfctl -a com.apple/999.test.orven.app -sr did not answer — ORVEN's blackout state is UNKNOWN, not clear";
 
+const std::string kEnforcementUnknown =
+    "pfctl -s info did not report a status — whether ORVEN's blackout is enforced is UNKNOWN, not clear";
+const std::string kNotEnforced =
+    "ORVEN's blackout rules are loaded but pf is disabled, so they block nothing — this Mac is NOT cut off";
+
 } // namespace
 
 void HelperService::readHardKillStatus(Reply<bool, bool, OptionalText> reply)
@@ -18,7 +23,12 @@ void HelperService::readHardKillStatus(Reply<bool, bool, OptionalText> reply)
     const auto rules = blackoutRuleState(context_);
     const bool marker = hardKillFlagExists(context_);
     if (rules == HardKillState::Rules::unknown) return reply(false, marker, kUnreadableAnchor);
-    reply(rules == HardKillState::Rules::loaded, marker, std::nullopt);
+    if (rules == HardKillState::Rules::absent) return reply(false, marker, std::nullopt);
+    // The app reads "loaded" as "cut off": rules pf does not enforce are no cut.
+    const auto enabled = pfIsEnabled(context_);
+    if (!enabled) return reply(false, marker, kEnforcementUnknown);
+    if (!*enabled) return reply(false, marker, kNotEnforced);
+    reply(true, marker, std::nullopt);
 }
 
 void HelperService::readHardKillEnforcement(Reply<bool, bool, bool, std::int64_t, OptionalText> reply)

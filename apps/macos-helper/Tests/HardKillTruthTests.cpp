@@ -180,6 +180,38 @@ TEST_F(HardKillTruth, ALoadCutShortIsRecognisedAsOursAtStart)
     EXPECT_TRUE(daemon.mac.leakTestPasses());
 }
 
+// A start that must take the blackout again takes its new reference before
+// it gives the earlier one back: a failed enable leaves pf held by the old one.
+TEST_F(HardKillTruth, AStartThatCannotTakeANewReferenceKeepsTheOldOne)
+{
+    ASSERT_TRUE(engage().get<0>());
+    const auto held = references();
+    ASSERT_EQ(held.size(), 1u);
+    // Somebody emptied the anchor by hand: the cut no longer stands.
+    ASSERT_EQ(daemon.mac.pfctl({"-a", std::string(kBlackoutAnchor), "-F", "rules"}).code, 0);
+    daemon.mac.addFault({"--tool", "pfctl", "--args", "-E", "--exit", "1", "--stderr", "pfctl: DIOCSTARTREF: busy"});
+    restart();
+    EXPECT_EQ(references(), held);
+    EXPECT_TRUE(pfEnabled());
+    EXPECT_TRUE(daemon.mac.fileExists(paths::hardKillMarker)) << "the next start tries again";
+    restart();
+    EXPECT_TRUE(cutStands());
+    EXPECT_TRUE(daemon.mac.leakTestPasses());
+}
+
+TEST_F(HardKillTruth, StatusNeverCallsRulesPfDoesNotEnforceACut)
+{
+    ASSERT_TRUE(engage().get<0>());
+    ASSERT_EQ(daemon.mac.pfctl({"-d"}).code, 0);
+    testing::ReplyCapture<bool, bool, std::optional<std::string>> status;
+    daemon.service(501).readHardKillStatus(status.reply());
+    EXPECT_EQ(status.values(), std::make_tuple(false, true,
+                                               std::optional<std::string>(
+                                                   "ORVEN's blackout rules are loaded but pf is disabled, so they "
+                                                   "block nothing — this Mac is NOT cut off")));
+    EXPECT_FALSE(daemon.mac.leakTestPasses());
+}
+
 TEST_F(HardKillTruth, AProbeThatCannotBeStartedFailsTheProof)
 {
     std::filesystem::remove(daemon.mac.path(paths::ping));

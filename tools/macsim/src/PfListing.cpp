@@ -1,17 +1,13 @@
 #include "PfListing.h"
 
+#include "Format.h"
+
 #include <algorithm>
 #include <cstdio>
 
 namespace orven::macsim {
 
 namespace {
-
-std::string format(const char* fmt, auto... args) {
-    char buf[512];
-    std::snprintf(buf, sizeof buf, fmt, args...);
-    return buf;
-}
 
 std::string age(std::int64_t seconds) {
     if (seconds < 0)

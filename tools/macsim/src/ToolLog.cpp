@@ -11,18 +11,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Format.h"
 #include "SystemLog.h"
 #include "Tools.h"
 
 namespace orven::macsim {
 
 namespace {
-
-std::string format(const char* fmt, auto... args) {
-    char buf[512];
-    std::snprintf(buf, sizeof buf, fmt, args...);
-    return buf;
-}
 
 nlohmann::json toJson(const LogEntry& e) {
     return {{"time", e.time}, {"process", e.process}, {"message", e.message}, {"type", e.type},

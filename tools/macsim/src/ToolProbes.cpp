@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include "Format.h"
 #include "Getopt.h"
 #include "Probe.h"
 #include "Tools.h"
@@ -19,12 +20,6 @@
 namespace orven::macsim {
 
 namespace {
-
-std::string format(const char* fmt, auto... args) {
-    char buf[512];
-    std::snprintf(buf, sizeof buf, fmt, args...);
-    return buf;
-}
 
 std::optional<long> parseLong(const std::string& text) {
     if (text.empty())
