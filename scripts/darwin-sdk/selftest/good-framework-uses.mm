@@ -43,3 +43,37 @@ bool use(SCPreferencesRef prefs, CFDataRef p12, CFStringRef pass)
     dispatch_async(dispatch_get_main_queue(), ^{ });
     return ok && status == errSecSuccess;
 }
+
+// The file-keychain calls, silenced as a file that uses them knowingly does.
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wdeprecated-declarations"
+bool useFileKeychain(SecKeyRef key, CFDataRef pem, SCNetworkSetRef set)
+{
+    SecKeychainRef keychain = nullptr;
+    SecTrustedApplicationRef application = nullptr;
+    SecAccessRef access = nullptr;
+    if (SecKeychainOpen("/tmp/a.keychain", &keychain) != errSecSuccess || !keychain) return false;
+    if (SecTrustedApplicationCreateFromPath(nullptr, &application) != errSecSuccess || !application) return false;
+    if (SecAccessCreate(CFSTR("a"), nullptr, &access) != errSecSuccess || !access) return false;
+    CFArrayRef acls = SecAccessCopyMatchingACLList(access, kSecACLAuthorizationSign);
+    CFArrayRef applications = nullptr;
+    CFStringRef description = nullptr;
+    SecKeychainPromptSelector prompt = 0;
+    if (acls && CFArrayGetCount(acls) > 0)
+        SecACLCopyContents((SecACLRef)CFArrayGetValueAtIndex(acls, 0), &applications, &description, &prompt);
+    SecExternalFormat format = kSecFormatOpenSSL;
+    SecExternalItemType type = kSecItemTypePrivateKey;
+    SecItemImportExportKeyParameters parameters{};
+    parameters.version = SEC_KEY_IMPORT_EXPORT_PARAMS_VERSION;
+    parameters.accessRef = access;
+    OSStatus status = SecItemImport(pem, nullptr, &format, &type, 0, &parameters, keychain, nullptr);
+    CFDictionaryRef attributes = SecKeyCopyAttributes(key);
+    CFDataRef external = SecKeyCopyExternalRepresentation(key, nullptr);
+    CFStringRef setID = SCNetworkSetGetSetID(set);
+    const NSOperatingSystemVersion version{15, 0, 0};
+    bool recent = [NSProcessInfo.processInfo isOperatingSystemAtLeastVersion:version];
+    SecKeychainItemDelete((SecKeychainItemRef)key);
+    return status == errSecSuccess && attributes && external && setID && recent &&
+           SecKeychainSetUserInteractionAllowed(false) == errSecSuccess;
+}
+#pragma clang diagnostic pop

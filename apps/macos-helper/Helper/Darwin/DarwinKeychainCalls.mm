@@ -77,7 +77,8 @@ SecStatus DarwinKeychainCalls::setUserInteractionAllowed(bool allowed)
 
 bool DarwinKeychainCalls::isOperatingSystemAtLeast(int major)
 {
-    return [NSProcessInfo.processInfo isOperatingSystemAtLeastVersion:(NSOperatingSystemVersion){major, 0, 0}];
+    const NSOperatingSystemVersion version{major, 0, 0};
+    return [NSProcessInfo.processInfo isOperatingSystemAtLeastVersion:version];
 }
 
 bool DarwinKeychainCalls::programExists(std::string_view path) { return ::access(std::string(path).c_str(), F_OK) == 0; }
@@ -180,9 +181,9 @@ std::optional<FileKeychainCalls::KeyAttributes> DarwinKeychainCalls::keyCopyAttr
     CFDictionaryRef attributes = SecKeyCopyAttributes(cf<SecKeyRef>(key));
     if (!attributes) return std::nullopt;
     KeyAttributes out;
-    const auto label = CFDictionaryGetValue(attributes, kSecAttrApplicationLabel);
+    const CFTypeRef label = CFDictionaryGetValue(attributes, kSecAttrApplicationLabel);
     if (label && CFGetTypeID(label) == CFDataGetTypeID()) out.applicationLabel = bytesOf(static_cast<CFDataRef>(label));
-    const auto type = CFDictionaryGetValue(attributes, kSecAttrKeyType);
+    const CFTypeRef type = CFDictionaryGetValue(attributes, kSecAttrKeyType);
     if (type && CFEqual(type, kSecAttrKeyTypeRSA)) out.type = KeyType::rsa;
     else if (type && CFEqual(type, kSecAttrKeyTypeECSECPrimeRandom)) out.type = KeyType::ecSECPrimeRandom;
     CFRelease(attributes);

@@ -36,7 +36,14 @@
 #define CF_BRIDGED_MUTABLE_TYPE(T) __attribute__((objc_bridge_mutable(T)))
 #define CF_RELATED_TYPE(T, C, I) __attribute__((objc_bridge_related(T, C, I)))
 #define CF_ENUM(T, N) enum N : T N; enum N : T
+// In C++, CFAvailability.h makes an options type its integer type, so that
+// options combine with | and a plain 0 means none, without casts.
+// https://developer.apple.com/documentation/swift/grouping-related-objective-c-constants
+#if defined(__cplusplus)
+#define CF_OPTIONS(T, N) T N; enum : T
+#else
 #define CF_OPTIONS(T, N) enum N : T N; enum N : T
+#endif
 #define CF_SWIFT_NAME(N)
 #define CF_NOESCAPE __attribute__((noescape))
 

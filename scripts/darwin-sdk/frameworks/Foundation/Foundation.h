@@ -1,6 +1,7 @@
 // Foundation: GNUstep's headers, corrected where they differ from Apple's,
 // plus what GNUstep lacks (Core Foundation, the NSXPC classes as Apple has
-// them: see NSXPCConnection.h here, which shadows GNUstep's).
+// them: see NSXPCConnection.h here, which shadows GNUstep's) and what
+// GNUstep's classes lack (NSProcessInfo.h adds the system version).
 
 #pragma once
 
@@ -15,4 +16,5 @@
 #undef NS_UNAVAILABLE
 #define NS_UNAVAILABLE __attribute__((unavailable))
 
+#import <Foundation/NSProcessInfo.h>
 #import <Foundation/NSXPCConnection.h>

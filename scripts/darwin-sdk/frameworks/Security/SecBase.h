@@ -24,6 +24,10 @@ typedef struct CF_BRIDGED_TYPE(id) __SecPolicy *SecPolicyRef;
 typedef struct CF_BRIDGED_TYPE(id) __SecAccess *SecAccessRef;
 typedef struct CF_BRIDGED_TYPE(id) __SecKeychain *SecKeychainRef;
 typedef struct CF_BRIDGED_TYPE(id) __SecTrustedApplication *SecTrustedApplicationRef;
+// https://developer.apple.com/documentation/security/seckeychainitem
+// https://developer.apple.com/documentation/security/secacl
+typedef struct CF_BRIDGED_TYPE(id) SecKeychainItem *SecKeychainItemRef;
+typedef struct CF_BRIDGED_TYPE(id) __SecACL *SecACLRef;
 
 enum {
     errSecSuccess = 0,
@@ -35,6 +39,10 @@ enum {
     errSecItemNotFound = -25300,
     errSecDecode = -26275,
 };
+
+// https://developer.apple.com/documentation/security/acl-authorization-keys
+// https://developer.apple.com/documentation/security/ksecaclauthorizationsign
+extern const CFStringRef kSecACLAuthorizationSign API_AVAILABLE(macos(10.7)) API_UNAVAILABLE(ios);
 
 CFStringRef _Nullable SecCopyErrorMessageString(OSStatus status, void *_Nullable reserved)
     API_AVAILABLE(macos(10.3));

@@ -2,6 +2,7 @@
 // https://developer.apple.com/documentation/security/seccertificatecreatewithdata(_:_:)
 // https://developer.apple.com/documentation/security/seccertificatecopydata(_:)
 // https://developer.apple.com/documentation/security/seccertificatecopysubjectsummary(_:)
+// https://developer.apple.com/documentation/security/seccertificatecopykey(_:)
 // https://developer.apple.com/documentation/security/secidentitycopycertificate(_:_:)
 // https://developer.apple.com/documentation/security/secidentitycopyprivatekey(_:_:)
 
@@ -18,6 +19,7 @@ SecCertificateRef _Nullable SecCertificateCreateWithData(CFAllocatorRef _Nullabl
     API_AVAILABLE(macos(10.6));
 CFDataRef SecCertificateCopyData(SecCertificateRef certificate) API_AVAILABLE(macos(10.6));
 CFStringRef _Nullable SecCertificateCopySubjectSummary(SecCertificateRef certificate) API_AVAILABLE(macos(10.6));
+SecKeyRef _Nullable SecCertificateCopyKey(SecCertificateRef certificate) API_AVAILABLE(macos(10.14));
 
 CFTypeID SecIdentityGetTypeID(void) API_AVAILABLE(macos(10.3));
 OSStatus SecIdentityCopyCertificate(SecIdentityRef identityRef,

@@ -9,6 +9,16 @@
 // https://developer.apple.com/documentation/security/ksecattrlabel
 // https://developer.apple.com/documentation/security/ksecattraccess
 // https://developer.apple.com/documentation/security/ksecusedataprotectionkeychain
+// https://developer.apple.com/documentation/security/ksecattrapplicationlabel
+// https://developer.apple.com/documentation/security/ksecattrkeytype
+// https://developer.apple.com/documentation/security/ksecattrkeytypersa
+// https://developer.apple.com/documentation/security/ksecattrkeytypeecsecprimerandom
+// https://developer.apple.com/documentation/security/ksecattrkeyclass
+// https://developer.apple.com/documentation/security/ksecattrkeyclassprivate
+// https://developer.apple.com/documentation/security/ksecattrpublickeyhash
+// https://developer.apple.com/documentation/security/ksecattrispermanent
+// https://developer.apple.com/documentation/security/ksecattrissensitive
+// https://developer.apple.com/documentation/security/ksecmatchsearchlist
 
 #pragma once
 
@@ -30,6 +40,17 @@ extern const CFStringRef kSecAttrService API_AVAILABLE(macos(10.6));
 extern const CFStringRef kSecAttrApplicationTag API_AVAILABLE(macos(10.6));
 extern const CFStringRef kSecAttrAccess API_AVAILABLE(macos(10.6)) API_UNAVAILABLE(ios);
 extern const CFStringRef kSecAttrAccessGroup API_AVAILABLE(macos(10.9));
+extern const CFStringRef kSecAttrApplicationLabel API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrPublicKeyHash API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrKeyClass API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrKeyClassPrivate API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrKeyType API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrKeyTypeRSA API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrKeyTypeECSECPrimeRandom API_AVAILABLE(macos(10.9));
+extern const CFStringRef kSecAttrIsPermanent API_AVAILABLE(macos(10.6));
+extern const CFStringRef kSecAttrIsSensitive API_AVAILABLE(macos(10.6));
+
+extern const CFStringRef kSecMatchSearchList API_AVAILABLE(macos(10.6));
 
 extern const CFStringRef kSecMatchLimit API_AVAILABLE(macos(10.6));
 extern const CFStringRef kSecMatchLimitOne API_AVAILABLE(macos(10.6));

@@ -21,6 +21,7 @@
 // https://developer.apple.com/documentation/systemconfiguration/scnetworkprotocolsetconfiguration(_:_:)
 // https://developer.apple.com/documentation/systemconfiguration/scnetworksetcopycurrent(_:)
 // https://developer.apple.com/documentation/systemconfiguration/scnetworksetcopyservices(_:)
+// https://developer.apple.com/documentation/systemconfiguration/scnetworksetgetsetid(_:)
 // https://developer.apple.com/documentation/systemconfiguration/scnetworksetgetserviceorder(_:)
 // https://developer.apple.com/documentation/systemconfiguration/scnetworksetsetserviceorder(_:_:)
 // https://developer.apple.com/documentation/systemconfiguration/kscnetworkprotocoltypeipv4
@@ -106,6 +107,8 @@ SCNetworkSetRef _Nullable SCNetworkSetCopyCurrent(SCPreferencesRef prefs)
     API_AVAILABLE(macos(10.4)) API_UNAVAILABLE(ios, tvos, watchos);
 CFArrayRef _Nullable SCNetworkSetCopyServices(SCNetworkSetRef set)
     API_AVAILABLE(macos(10.4)) API_UNAVAILABLE(ios, tvos, watchos);
+CFStringRef _Nullable SCNetworkSetGetSetID(SCNetworkSetRef set)
+    API_AVAILABLE(macos(10.5)) API_UNAVAILABLE(ios, tvos, watchos);
 CFArrayRef _Nullable SCNetworkSetGetServiceOrder(SCNetworkSetRef set)
     API_AVAILABLE(macos(10.4)) API_UNAVAILABLE(ios, tvos, watchos);
 Boolean SCNetworkSetSetServiceOrder(SCNetworkSetRef set, CFArrayRef newOrder)
