@@ -212,7 +212,9 @@ int reboot(const std::string& root) {
     // it, and no later than anything written after.
     const std::int64_t boot = secondsNow() + 1;
     writeBootTime(paths, boot);
-    while (realNow() <= static_cast<double>(boot))
+    // File times come from the kernel's coarse clock, which may lag the
+    // real one by a tick: wait a margin past the second, not just into it.
+    while (realNow() <= static_cast<double>(boot) + 0.05)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     return 0;
 }
