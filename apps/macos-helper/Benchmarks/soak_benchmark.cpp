@@ -4,7 +4,7 @@
 // before anything could weaken the cut. Every request must get one answer,
 // and no leak test may see a packet through.
 //
-//   soak_benchmark [--seconds N] [--clients N] [--seed N]
+//   soak_benchmark [--seconds N] [--clients N] [--random N]
 //
 // Prints requests=, replies=, cut_said=, leak_tests=, leaks=, faults=,
 // engaged=, lifted=, refused= and ends with soak_ok=1 or soak_ok=0.
@@ -70,13 +70,13 @@ int main(int argc, char** argv)
 {
     int seconds = 120;
     int clients = 6;
-    unsigned seed = 1;
+    unsigned randomStart = 1;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         const int value = std::atoi(argv[i + 1]);
         if (option == "--seconds") seconds = value;
         else if (option == "--clients") clients = value;
-        else if (option == "--seed") seed = static_cast<unsigned>(value);
+        else if (option == "--random") randomStart = static_cast<unsigned>(value);
         else bench::fail("unknown option " + option);
     }
 
@@ -92,7 +92,7 @@ int main(int argc, char** argv)
     std::vector<std::thread> threads;
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
-            std::mt19937 random(seed * 97 + static_cast<unsigned>(c));
+            std::mt19937 random(randomStart * 97 + static_cast<unsigned>(c));
             bench::Connection connection(daemon.socket());
             long id = 0;
             while (Clock::now() < end) {
@@ -137,7 +137,7 @@ int main(int argc, char** argv)
         });
     }
     threads.emplace_back([&] {
-        std::mt19937 random(seed);
+        std::mt19937 random(randomStart);
         while (Clock::now() < end) {
             addFault(mac, kFaults[random() % kFaults.size()]);
             ++counts.faults;
