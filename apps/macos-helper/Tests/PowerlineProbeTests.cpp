@@ -4,11 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <future>
 #include <mutex>
+#include <thread>
 
 #include "ForwardingHost.h"
 #include "HelperService.h"
@@ -427,13 +429,26 @@ TEST_F(ScriptedProbe, TheMethodAnswersWithTheReadingsJSONOrTheFailure)
 
 TEST_F(ScriptedProbe, AFullPoolIsARefusalAnsweredAtOnce)
 {
+    // Outlives the pool, whose last queued jobs run as it is destroyed.
+    std::atomic<int> running{0};
     DaemonContext context(link);
     HelperService service(context, 501);
     // Occupy every worker and every queue place.
     std::promise<void> release;
     const auto released = release.get_future().share();
     int accepted = 0;
-    while (context.backgroundWork.submit([released] { released.wait(); })) ++accepted;
+    const auto fill = [&] {
+        while (context.backgroundWork.submit([released, &running] {
+            ++running;
+            released.wait();
+        }))
+            ++accepted;
+    };
+    fill();
+    // Threads still starting take jobs off the queue: once every one runs
+    // a job, nothing drains it any more, and it is topped up.
+    while (running.load() < static_cast<int>(context.backgroundWork.threadCount())) std::this_thread::yield();
+    fill();
     ASSERT_GT(accepted, 0);
 
     const auto refused = ask(service, "en7");
