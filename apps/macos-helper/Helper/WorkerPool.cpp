@@ -23,7 +23,10 @@ WorkerPool::~WorkerPool()
 bool WorkerPool::submit(std::function<void()> job)
 {
     std::unique_lock lock(mutex_);
-    if (stopping_ || queue_.size() >= queueCapacity_) return false;
+    // Counted as jobs not finished, not as the queue's length: a thread still
+    // starting has not taken its job yet, and the bound must not depend on
+    // how fast threads start.
+    if (stopping_ || queue_.size() + running_ >= maxThreads_ + queueCapacity_) return false;
     // Every waiting job needs a thread that will get to it; start one when
     // the idle ones are all spoken for.
     if (idle_ <= queue_.size() && threads_.size() < maxThreads_) {
@@ -55,10 +58,12 @@ void WorkerPool::work()
         if (queue_.empty()) return;  // stopping, nothing left
         auto job = std::move(queue_.front());
         queue_.pop_front();
+        ++running_;
         lock.unlock();
         job();
         job = nullptr;  // release what it captured before sleeping again
         lock.lock();
+        --running_;
     }
 }
 

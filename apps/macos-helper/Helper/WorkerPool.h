@@ -24,8 +24,9 @@ public:
     // Runs every job already accepted, then joins the threads.
     ~WorkerPool();
 
-    // False when the queue is full or no thread could be started for it;
-    // the job has then not run and never will.
+    // False when as many jobs as threads and queue places together are
+    // waiting or running, or no thread could be started; the job has then
+    // not run and never will.
     [[nodiscard]] bool submit(std::function<void()> job);
 
     std::size_t threadCount() const;
@@ -40,6 +41,7 @@ private:
     std::deque<std::function<void()>> queue_;
     std::vector<std::thread> threads_;
     std::size_t idle_ = 0;
+    std::size_t running_ = 0;
     bool stopping_ = false;
 };
 
