@@ -14,6 +14,7 @@
 #include "ForwardingHost.h"
 #include "HelperService.h"
 #include "Linux/SimulatedMacHost.h"
+#include "Support/BenchmarkDaemon.h"
 
 namespace orven {
 namespace {
@@ -84,12 +85,7 @@ private:
 
 double milliseconds(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
+using bench::median;
 
 bool isProbe(const std::string& path) { return path == paths::ping || path == paths::ping6 || path == paths::nc; }
 
@@ -100,9 +96,8 @@ int main(int argc, char** argv)
 {
     using namespace orven;
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 25;
-    std::string root = (std::filesystem::temp_directory_path() / "orven-bench-XXXXXX").string();
-    if (!::mkdtemp(root.data())) return 1;
-    if (BoundedProcess::run(ORVEN_MACSIM_PATH, {"init", root}, std::nullopt, 30, 2).code != 0) return 1;
+    const bench::Mac mac;
+    const std::string root = mac.root();
 
     DiscardingSink sink;
     SimulatedMacHost simulated(root, sink);
@@ -133,7 +128,6 @@ int main(int argc, char** argv)
         others.push_back(milliseconds(total) - sweep);
         calls.push_back(static_cast<double>(runs.size()));
     }
-    std::filesystem::remove_all(root);
     std::printf("rounds=%d\n", rounds);
     std::printf("engage_lift_total_ms=%.2f\n", median(totals));
     std::printf("probe_sweep_ms=%.2f\n", median(sweeps));

@@ -14,6 +14,7 @@
 #include "ForwardingHost.h"
 #include "HelperService.h"
 #include "Linux/SimulatedMacHost.h"
+#include "Support/BenchmarkDaemon.h"
 
 namespace orven {
 namespace {
@@ -81,12 +82,7 @@ public:
 
 double milliseconds(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
+using bench::median;
 
 } // namespace
 } // namespace orven
@@ -95,9 +91,8 @@ int main(int argc, char** argv)
 {
     using namespace orven;
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 25;
-    std::string root = (std::filesystem::temp_directory_path() / "orven-bench-XXXXXX").string();
-    if (!::mkdtemp(root.data())) return 1;
-    if (BoundedProcess::run(ORVEN_MACSIM_PATH, {"init", root}, std::nullopt, 30, 2).code != 0) return 1;
+    const bench::Mac mac;
+    const std::string root = mac.root();
     std::vector<std::string> names{"Wi-Fi", "Thunderbolt Bridge"};
     for (int i = static_cast<int>(names.size()); i < 64; ++i) {
         names.push_back("USB LAN " + std::to_string(i));
@@ -132,7 +127,6 @@ int main(int argc, char** argv)
         mtuSC.push_back(host.preferences);
         if (!ok) return std::fprintf(stderr, "setInterfaceMTU failed in round %d\n", round), 1;
     }
-    std::filesystem::remove_all(root);
     std::printf("rounds=%d\n", rounds);
     std::printf("set_service_order_64_ms=%.2f\n", median(orderTimes));
     std::printf("set_service_order_64_tool_calls=%.0f\n", median(orderTools));
